@@ -1,0 +1,60 @@
+#ifndef SOFTMATTE_TESTS_TEST_UTIL_H_
+#define SOFTMATTE_TESTS_TEST_UTIL_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace softmatte_test {
+
+constexpr unsigned char kSentinel = 0xA5;
+
+// Fills v with bytes from a fixed-seed generator: a failure must replay.
+void FillRandom(std::vector<unsigned char>& v, uint32_t seed);
+
+// A plane of height rows of stride bytes: the first rowBytes of each row
+// random, the padding set to kSentinel.
+std::vector<unsigned char> RandomPlane(int rowBytes, int height, int stride,
+                                       uint32_t seed);
+
+// True when every byte past rowBytes in each row is still kSentinel.
+bool PaddingIntact(const std::vector<unsigned char>& plane, int rowBytes,
+                   int height, int stride);
+
+// An 8-bit image read from a PNG: channels is 1 (grey) or 3 (B, G, R order,
+// as the library takes colour). Rows are packed (stride = width * channels).
+struct Image {
+  int width = 0;
+  int height = 0;
+  int channels = 0;
+  std::vector<unsigned char> pixels;
+};
+
+// Reads path as grey (channels 1) or B, G, R (channels 3). False on failure.
+bool ReadPng(const std::string& path, int channels, Image* out);
+
+// The alphamatting set beside the project (../shared/data/alphamatting, or
+// $SOFTMATTE_DATA_DIR/alphamatting); empty when it is not there.
+std::string AlphamattingDir();
+
+// One photo of the set: its colour input, a trimap and the ground truth.
+struct MattingSample {
+  std::string name;  // "GT01" ...
+  Image image;       // B, G, R
+  Image trimap;      // 0, 128, 255
+  Image truth;       // grey alpha
+};
+
+// Loads GTnn of the set with trimap/ (or trimap2/ when wide is true).
+bool LoadMattingSample(int index, bool wide, MattingSample* out);
+
+// Sum over the trimap's unknown pixels of |alpha - truth| / 255, in
+// thousands: the benchmark's SAD figure.
+double SadOverUnknown(const std::vector<unsigned char>& alpha,
+                      const MattingSample& sample);
+
+}  // namespace softmatte_test
+
+#endif  // SOFTMATTE_TESTS_TEST_UTIL_H_

@@ -1,0 +1,99 @@
+#include "test_util.h"
+
+#include <png.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+namespace softmatte_test {
+
+void FillRandom(std::vector<unsigned char>& v, uint32_t seed) {
+  std::mt19937 rng(seed);
+  for (auto& b : v) b = static_cast<unsigned char>(rng());
+}
+
+std::vector<unsigned char> RandomPlane(int rowBytes, int height, int stride,
+                                       uint32_t seed) {
+  std::vector<unsigned char> plane(static_cast<size_t>(stride) * height,
+                                   kSentinel);
+  std::mt19937 rng(seed);
+  for (int y = 0; y < height; ++y) {
+    for (int x = 0; x < rowBytes; ++x) {
+      plane[static_cast<size_t>(y) * stride + x] =
+          static_cast<unsigned char>(rng());
+    }
+  }
+  return plane;
+}
+
+bool PaddingIntact(const std::vector<unsigned char>& plane, int rowBytes,
+                   int height, int stride) {
+  for (int y = 0; y < height; ++y) {
+    for (int x = rowBytes; x < stride; ++x) {
+      if (plane[static_cast<size_t>(y) * stride + x] != kSentinel) return false;
+    }
+  }
+  return true;
+}
+
+bool ReadPng(const std::string& path, int channels, Image* out) {
+  png_image image;
+  std::memset(&image, 0, sizeof image);
+  image.version = PNG_IMAGE_VERSION;
+  if (!png_image_begin_read_from_file(&image, path.c_str())) return false;
+  image.format = channels == 1 ? PNG_FORMAT_GRAY : PNG_FORMAT_BGR;
+  out->width = static_cast<int>(image.width);
+  out->height = static_cast<int>(image.height);
+  out->channels = channels;
+  out->pixels.assign(PNG_IMAGE_SIZE(image), 0);
+  if (!png_image_finish_read(&image, nullptr, out->pixels.data(), 0, nullptr)) {
+    png_image_free(&image);
+    return false;
+  }
+  return true;
+}
+
+std::string AlphamattingDir() {
+  std::string base;
+  if (const char* env = std::getenv("SOFTMATTE_DATA_DIR")) {
+    base = env;
+  } else {
+    base = std::string(SOFTMATTE_SOURCE_DIR) + "/../shared/data";
+  }
+  const std::string dir = base + "/alphamatting";
+  if (FILE* f = std::fopen((dir + "/input/GT01.png").c_str(), "rb")) {
+    std::fclose(f);
+    return dir;
+  }
+  return std::string();
+}
+
+bool LoadMattingSample(int index, bool wide, MattingSample* out) {
+  const std::string dir = AlphamattingDir();
+  if (dir.empty()) return false;
+  char name[8];
+  std::snprintf(name, sizeof name, "GT%02d", index);
+  out->name = name;
+  const std::string file = std::string("/") + name + ".png";
+  return ReadPng(dir + "/input" + file, 3, &out->image) &&
+         ReadPng(dir + (wide ? "/trimap2" : "/trimap") + file, 1,
+                 &out->trimap) &&
+         ReadPng(dir + "/gt" + file, 1, &out->truth);
+}
+
+double SadOverUnknown(const std::vector<unsigned char>& alpha,
+                      const MattingSample& sample) {
+  double sum = 0.0;
+  for (size_t i = 0; i < sample.trimap.pixels.size(); ++i) {
+    if (sample.trimap.pixels[i] == 128) {
+      sum += std::abs(static_cast<int>(alpha[i]) -
+                      static_cast<int>(sample.truth.pixels[i])) /
+             255.0;
+    }
+  }
+  return sum / 1000.0;
+}
+
+}  // namespace softmatte_test
