@@ -33,7 +33,87 @@ SOFTMATTE_API bool ipf_get_mask_diff_roi(const unsigned char* a, int width,
 
 // ---- Resizing ----
 
+// Tag naming the bytes the nearest-neighbour resize copies per pixel.
+template <int N>
+struct ccn {};
+
+// Fills tab[0..dstLen) with the nearest source index of each destination
+// index, times elemStep; nothing on a null tab or dstLen < 1.
+SOFTMATTE_API void ipf_calc_resize_tab_nn(int srcLen, int dstLen, int* tab,
+                                          int elemStep);
+// Fills tab[0..dstLen) with the left source index times elemStep and frac
+// with the weight of its right neighbour; nothing on a null tab or frac, or
+// dstLen < 1.
+SOFTMATTE_API void ipf_calc_resize_tab_bl(int srcLen, int dstLen, int* tab,
+                                          float* frac, int elemStep);
+// Nearest-neighbour resize of src into dst, N bytes per pixel; steps and
+// pixel steps in bytes. Instantiated for unsigned char with ccn<1>, ccn<3>.
+template <typename T, typename C>
+SOFTMATTE_API void ipf_resize_nn(const T* src, int srcWidth, int srcHeight,
+                                 int srcStep, int srcPixStep, T* dst,
+                                 int dstWidth, int dstHeight, int dstStep,
+                                 int dstPixStep, C);
+// Bilinear resize of the first channels of each pixel of src into dst,
+// truncated to bytes; steps and pixel steps in bytes. Instantiated for
+// unsigned char to unsigned char.
+template <typename TS, typename TD>
+SOFTMATTE_API void ipf_resize_bl(const TS* src, int srcWidth, int srcHeight,
+                                 int srcStep, int srcPixStep, TD* dst,
+                                 int dstWidth, int dstHeight, int dstStep,
+                                 int dstPixStep, int channels);
+// Writes the byte offsets of the (2rx+1) x (2ry+1) neighbourhood in row-major
+// order into offsets, the centre left out when skipCentre; nothing on a null
+// offsets or a negative radius.
+SOFTMATTE_API void ipf_calc_nbr_offset(int rx, int ry, int step, int pixStep,
+                                       int* offsets, bool skipCentre);
+
 // ---- Window filters ----
+
+// Window filters take border = {left, top, right, bottom}: how many readable
+// pixels of the caller's image lie beyond the region on each side (null: none).
+// Those pixels are read, never written. Integer planes count steps in ints.
+
+// dst = minimum over the ksize x ksize window, repeated iterations times;
+// nothing when src or dst is null.
+SOFTMATTE_API void ipf_min_filter(const unsigned char* src, int width,
+                                  int height, int srcStep, int channels,
+                                  unsigned char* dst, int dstStep, int ksize,
+                                  int iterations, int* border);
+// dst = maximum over the ksize x ksize window; as ipf_min_filter.
+SOFTMATTE_API void ipf_max_filter(const unsigned char* src, int width,
+                                  int height, int srcStep, int channels,
+                                  unsigned char* dst, int dstStep, int ksize,
+                                  int iterations, int* border);
+// dst (ints) = sum over the kw x kh window, outside pixels counting 0;
+// nothing when src or dst is null.
+SOFTMATTE_API void ipf_sum_filter(const unsigned char* src, int width,
+                                  int height, int srcStep, int channels,
+                                  int* dst, int dstStep, int kw, int kh,
+                                  int* border);
+// As above for an int source (srcStep in ints).
+SOFTMATTE_API void ipf_sum_filter(const int* src, int width, int height,
+                                  int srcStep, int channels, int* dst,
+                                  int dstStep, int kw, int kh, int* border);
+// count (ints) = number of window pixels on real data; nothing on null count.
+SOFTMATTE_API void ipf_count_filter_pixels(int* count, int width, int height,
+                                           int countStep, int kw, int kh,
+                                           int* border);
+// dst (ints) = rounded window mean; fills count (ints), or uses a scratch one
+// when count is null; nothing when src or dst is null.
+SOFTMATTE_API void ipf_mean_filter(const unsigned char* src, int width,
+                                   int height, int srcStep, int channels,
+                                   int* dst, int dstStep, int* count,
+                                   int countStep, int kw, int kh, int* border);
+// As above for an int source (srcStep in ints).
+SOFTMATTE_API void ipf_mean_filter(const int* src, int width, int height,
+                                   int srcStep, int channels, int* dst,
+                                   int dstStep, int* count, int countStep,
+                                   int kw, int kh, int* border);
+// As above with the mean stored as bytes in dst.
+SOFTMATTE_API void ipf_mean_filter(const unsigned char* src, int width,
+                                   int height, int srcStep, int channels,
+                                   unsigned char* dst, int dstStep, int* count,
+                                   int countStep, int kw, int kh, int* border);
 
 }  // namespace ff
 
