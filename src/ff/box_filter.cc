@@ -1,0 +1,272 @@
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
+
+#include "softmatte/ff/ipf.h"
+
+namespace ff {
+
+namespace {
+
+// Where real data lies along one axis of the zero-padded plane: padded
+// positions [first, last) hold source data, the rest counts as 0. The
+// padded plane has length + 2 * half positions; source 0 sits at half.
+struct Span {
+  int half;
+  int first;
+  int last;
+};
+
+// before/after are the caller's border values on the two sides; they are
+// not clamped below, so a negative one cuts into the region.
+Span MakeSpan(int length, int size, int before, int after) {
+  Span s;
+  s.half = std::max(size, 1) / 2;
+  const int padded = length + 2 * s.half;
+  s.first = std::clamp(s.half - std::min(before, s.half), 0, padded);
+  s.last =
+      std::clamp(s.half + length + std::min(after, s.half), s.first, padded);
+  return s;
+}
+
+// Window sums streamed row by row out of a summed-area table of the padded
+// plane. Only the 2 * half + 2 table rows that a window row spans are kept,
+// in a ring, instead of the whole table: the same unsigned 32-bit entries,
+// a fraction of the memory. Wrapping arithmetic is exact for the window sums.
+template <typename TS>
+class SumRows {
+ public:
+  SumRows(const TS* src, int width, int height, int srcStep, int channels,
+          int kw, int kh, const int* border)
+      : src_(src),
+        srcStep_(srcStep),
+        channels_(channels),
+        width_(width),
+        cols_(MakeSpan(width, kw, border ? border[0] : 0,
+                       border ? border[2] : 0)),
+        rows_(MakeSpan(height, kh, border ? border[1] : 0,
+                       border ? border[3] : 0)),
+        tableStep_(static_cast<size_t>(width + 2 * cols_.half + 1) * channels),
+        ringRows_(2 * rows_.half + 2),
+        ring_(new unsigned[tableStep_ * ringRows_]()),
+        acc_(new unsigned[channels]) {}
+  ~SumRows() {
+    delete[] ring_;
+    delete[] acc_;
+  }
+  SumRows(const SumRows&) = delete;
+  SumRows& operator=(const SumRows&) = delete;
+
+  // Window sums of output row y into out (width * channels values); rows
+  // must be asked for in increasing order.
+  void Row(int y, unsigned* out) {
+    const int bottom = y + 2 * rows_.half + 1;
+    while (built_ < bottom) Build();
+    const unsigned* t = TableRow(y);
+    const unsigned* b = TableRow(bottom);
+    const size_t reach = static_cast<size_t>(2 * cols_.half + 1) * channels_;
+    const size_t n = static_cast<size_t>(width_) * channels_;
+    for (size_t j = 0; j < n; ++j) {
+      out[j] = (b[j + reach] - b[j]) - (t[j + reach] - t[j]);
+    }
+  }
+
+ private:
+  unsigned* TableRow(int i) {
+    return ring_ + static_cast<size_t>(i % ringRows_) * tableStep_;
+  }
+
+  // Table row built_ + 1 from row built_ and padded row built_.
+  void Build() {
+    const unsigned* prev = TableRow(built_);
+    unsigned* next = TableRow(built_ + 1);
+    const int py = built_++;
+    if (py < rows_.first || py >= rows_.last || cols_.first == cols_.last) {
+      std::memcpy(next, prev, tableStep_ * sizeof(unsigned));
+      return;
+    }
+    const TS* row =
+        src_ + static_cast<ptrdiff_t>(py - rows_.half) * srcStep_ +
+        static_cast<ptrdiff_t>(cols_.first - cols_.half) * channels_;
+    const size_t c = channels_;
+    const size_t first = cols_.first * c;
+    const size_t last = cols_.last * c;
+    const size_t end = tableStep_ - c;
+    // Entry j + c of a table row covers padded elements up to j.
+    std::fill(next, next + c, 0u);
+    for (size_t j = c; j < first + c; ++j) next[j] = prev[j];
+    if (c == 1) {
+      unsigned acc = 0;
+      for (size_t j = first; j < last; ++j) {
+        acc += static_cast<unsigned>(row[j - first]);
+        next[j + 1] = prev[j + 1] + acc;
+      }
+      for (size_t j = last; j < end; ++j) next[j + 1] = prev[j + 1] + acc;
+      return;
+    }
+    std::fill(acc_, acc_ + c, 0u);
+    for (size_t j = first; j < last; j += c) {
+      for (size_t k = 0; k < c; ++k) {
+        acc_[k] += static_cast<unsigned>(row[j - first + k]);
+        next[j + c + k] = prev[j + c + k] + acc_[k];
+      }
+    }
+    for (size_t j = last; j < end; j += c) {
+      for (size_t k = 0; k < c; ++k)
+        next[j + c + k] = prev[j + c + k] + acc_[k];
+    }
+  }
+
+  const TS* src_;
+  int srcStep_;
+  int channels_;
+  int width_;
+  Span cols_;
+  Span rows_;
+  size_t tableStep_;
+  int ringRows_;
+  unsigned* ring_;
+  unsigned* acc_;
+  int built_ = 0;
+};
+
+// Window sums of every channel; dstStep counts TD elements.
+template <typename TD, typename TS, typename TA>
+void _sum_filter_2D(const TS* src, int width, int height, int srcStep,
+                    int channels, TD* dst, int dstStep, int kw, int kh,
+                    const int* border) {
+  if (width < 1 || height < 1 || channels < 1) return;
+  SumRows<TS> sums(src, width, height, srcStep, channels, kw, kh, border);
+  const size_t n = static_cast<size_t>(width) * channels;
+  unsigned* row = new unsigned[n];
+  for (int y = 0; y < height; ++y) {
+    sums.Row(y, row);
+    TD* out = dst + static_cast<ptrdiff_t>(y) * dstStep;
+    for (size_t j = 0; j < n; ++j)
+      out[j] = static_cast<TD>(static_cast<TA>(row[j]));
+  }
+  delete[] row;
+}
+
+// Window positions on real data along one axis, for each position.
+void AxisCounts(int length, const Span& s, int* counts) {
+  for (int i = 0; i < length; ++i) {
+    const int lo = std::max(i, s.first);
+    const int hi = std::min(i + 2 * s.half + 1, s.last);
+    counts[i] = std::max(hi - lo, 0);
+  }
+}
+
+// Rounded mean of each channel by its pixel's count; a count of 0 gives 0.
+// Rows go in four bands one after the other, as the matte tools expect of
+// every banded loop; the result does not depend on it.
+template <typename TS, typename TD>
+void MeanFilter(const TS* src, int width, int height, int srcStep, int channels,
+                TD* dst, int dstStep, int* count, int countStep, int kw, int kh,
+                int* border) {
+  if (src == nullptr || dst == nullptr) return;
+  if (width < 1 || height < 1 || channels < 1) return;
+  int* ownCount = nullptr;
+  if (count == nullptr) {
+    ownCount = new int[static_cast<size_t>(width) * height];
+    count = ownCount;
+    countStep = width;
+  }
+  ipf_count_filter_pixels(count, width, height, countStep, kw, kh, border);
+  SumRows<TS> sums(src, width, height, srcStep, channels, kw, kh, border);
+  unsigned* row = new unsigned[static_cast<size_t>(width) * channels];
+  const int bands[5] = {0, height / 4, height / 2, 3 * (height / 4), height};
+  for (int band = 0; band < 4; ++band) {
+    for (int y = bands[band]; y < bands[band + 1]; ++y) {
+      sums.Row(y, row);
+      const int* n = count + static_cast<ptrdiff_t>(y) * countStep;
+      TD* out = dst + static_cast<ptrdiff_t>(y) * dstStep;
+      for (int x = 0; x < width; ++x) {
+        const int d = n[x];
+        for (int c = 0; c < channels; ++c) {
+          const size_t j = static_cast<size_t>(x) * channels + c;
+          // Summed in unsigned: an int source near the limits wraps rather
+          // than overflow.
+          const int num =
+              static_cast<int>(row[j] + static_cast<unsigned>(d / 2));
+          out[j] = static_cast<TD>(d == 0 ? 0 : num / d);
+        }
+      }
+    }
+  }
+  delete[] row;
+  delete[] ownCount;
+}
+
+}  // namespace
+
+void ipf_sum_filter(const unsigned char* src, int width, int height,
+                    int srcStep, int channels, int* dst, int dstStep, int kw,
+                    int kh, int* border) {
+  if (src == nullptr || dst == nullptr) return;
+  _sum_filter_2D<int, unsigned char, int>(src, width, height, srcStep, channels,
+                                          dst, dstStep, kw, kh, border);
+}
+
+void ipf_sum_filter(const int* src, int width, int height, int srcStep,
+                    int channels, int* dst, int dstStep, int kw, int kh,
+                    int* border) {
+  if (src == nullptr || dst == nullptr) return;
+  _sum_filter_2D<int, int, int>(src, width, height, srcStep, channels, dst,
+                                dstStep, kw, kh, border);
+}
+
+void ipf_count_filter_pixels(int* count, int width, int height, int countStep,
+                             int kw, int kh, int* border) {
+  if (count == nullptr || width < 1 || height < 1) return;
+  // A size below 1 is taken as 1, like the sums do.
+  kw = std::max(kw, 1);
+  kh = std::max(kh, 1);
+  const int left = border ? border[0] : 0;
+  const int top = border ? border[1] : 0;
+  const int right = border ? border[2] : 0;
+  const int bottom = border ? border[3] : 0;
+  // With data under the whole window everywhere the count is kw * kh, which
+  // for an even size is one row and column short of what the sum covers.
+  if (left >= kw / 2 && top >= kh / 2 && right >= kw / 2 && bottom >= kh / 2) {
+    for (int y = 0; y < height; ++y) {
+      std::fill_n(count + static_cast<ptrdiff_t>(y) * countStep, width,
+                  kw * kh);
+    }
+    return;
+  }
+  // The box sum of a plane of ones is separable: a product of axis counts.
+  int* xs = new int[width];
+  int* ys = new int[height];
+  AxisCounts(width, MakeSpan(width, kw, left, right), xs);
+  AxisCounts(height, MakeSpan(height, kh, top, bottom), ys);
+  for (int y = 0; y < height; ++y) {
+    int* out = count + static_cast<ptrdiff_t>(y) * countStep;
+    for (int x = 0; x < width; ++x) out[x] = xs[x] * ys[y];
+  }
+  delete[] xs;
+  delete[] ys;
+}
+
+void ipf_mean_filter(const unsigned char* src, int width, int height,
+                     int srcStep, int channels, int* dst, int dstStep,
+                     int* count, int countStep, int kw, int kh, int* border) {
+  MeanFilter(src, width, height, srcStep, channels, dst, dstStep, count,
+             countStep, kw, kh, border);
+}
+
+void ipf_mean_filter(const int* src, int width, int height, int srcStep,
+                     int channels, int* dst, int dstStep, int* count,
+                     int countStep, int kw, int kh, int* border) {
+  MeanFilter(src, width, height, srcStep, channels, dst, dstStep, count,
+             countStep, kw, kh, border);
+}
+
+void ipf_mean_filter(const unsigned char* src, int width, int height,
+                     int srcStep, int channels, unsigned char* dst, int dstStep,
+                     int* count, int countStep, int kw, int kh, int* border) {
+  MeanFilter(src, width, height, srcStep, channels, dst, dstStep, count,
+             countStep, kw, kh, border);
+}
+
+}  // namespace ff

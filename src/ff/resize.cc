@@ -1,0 +1,211 @@
+#include <cmath>
+#include <cstddef>
+#include <cstring>
+
+#include "softmatte/ff/fvt_image.h"
+#include "softmatte/ff/ipf.h"
+
+namespace ff {
+
+namespace {
+
+// Channels blended side by side in the wide path; plain loops over this many
+// floats become vector instructions on any target.
+constexpr int kBlendLanes = 16;
+
+// The source and destination row of nearest-neighbour resize; N elements per
+// pixel, whatever the pixel steps.
+template <typename T, int N>
+void CopyRowNearest(const T* srcRow, const int* colTab, T* dstRow, int width,
+                    int dstPixStep) {
+  if (dstPixStep == N) {
+    for (int x = 0; x < width; ++x) {
+      std::memcpy(dstRow + static_cast<ptrdiff_t>(x) * N, srcRow + colTab[x],
+                  N * sizeof(T));
+    }
+    return;
+  }
+  for (int x = 0; x < width; ++x) {
+    std::memcpy(dstRow + static_cast<ptrdiff_t>(x) * dstPixStep,
+                srcRow + colTab[x], N * sizeof(T));
+  }
+}
+
+template <int N>
+constexpr int ChannelsOf(ccn<N>) {
+  return N;
+}
+
+// One output value from its four neighbours; single precision throughout and
+// no rounding: truncation is part of the result.
+inline float Blend(float a, float b, float d, float e, float fx, float fy) {
+  const float top = fx * (b - a) + a;
+  const float bottom = fx * (e - d) + d;
+  return top + fy * (bottom - top);
+}
+
+// kBlendLanes consecutive channels at once, each lane exactly as Blend.
+template <typename TS, typename TD>
+void BlendWide(const TS* p0, const TS* p1, int xStep, float fx, float fy,
+               TD* out) {
+  float a[kBlendLanes], b[kBlendLanes], d[kBlendLanes], e[kBlendLanes];
+  float top[kBlendLanes], bottom[kBlendLanes], res[kBlendLanes];
+  for (int i = 0; i < kBlendLanes; ++i) {
+    a[i] = static_cast<float>(p0[i]);
+    b[i] = static_cast<float>(p0[xStep + i]);
+    d[i] = static_cast<float>(p1[i]);
+    e[i] = static_cast<float>(p1[xStep + i]);
+  }
+  for (int i = 0; i < kBlendLanes; ++i) top[i] = fx * (b[i] - a[i]) + a[i];
+  for (int i = 0; i < kBlendLanes; ++i) {
+    bottom[i] = fx * (e[i] - d[i]) + d[i];
+  }
+  for (int i = 0; i < kBlendLanes; ++i) {
+    res[i] = top[i] + fy * (bottom[i] - top[i]);
+  }
+  for (int i = 0; i < kBlendLanes; ++i) {
+    out[i] = static_cast<TD>(static_cast<int>(res[i]));
+  }
+}
+
+}  // namespace
+
+void ipf_calc_resize_tab_nn(int srcLen, int dstLen, int* tab, int elemStep) {
+  if (tab == nullptr || dstLen < 1) return;
+  if (dstLen == 1) {
+    tab[0] = 0;
+    return;
+  }
+  const float scale = static_cast<float>(srcLen) / static_cast<float>(dstLen);
+  for (int i = 0; i < dstLen; ++i) {
+    // The product stays in single precision; only the rounding is double.
+    const float s = scale * static_cast<float>(i);
+    tab[i] =
+        static_cast<int>(std::trunc(static_cast<double>(s) + 0.5)) * elemStep;
+  }
+  const int last = (srcLen - 1) * elemStep;
+  for (int i = dstLen - 1; i >= 0 && tab[i] >= last; --i) tab[i] = last;
+}
+
+void ipf_calc_resize_tab_bl(int srcLen, int dstLen, int* tab, float* frac,
+                            int elemStep) {
+  if (tab == nullptr || frac == nullptr || dstLen < 1) return;
+  if (dstLen == 1) {
+    tab[0] = 0;
+    frac[0] = 0.0f;
+    return;
+  }
+  const float scale = static_cast<float>(srcLen) / static_cast<float>(dstLen);
+  for (int i = 0; i < dstLen; ++i) {
+    const float s = scale * static_cast<float>(i);
+    const float whole = std::trunc(s);
+    tab[i] = static_cast<int>(whole) * elemStep;
+    frac[i] = s - whole;
+  }
+  // The last pair with all weight on its right member, so that no entry
+  // reads past the last element.
+  const int last = (srcLen - 1) * elemStep;
+  for (int i = dstLen - 1; i >= 0 && tab[i] >= last; --i) {
+    tab[i] = (srcLen - 2) * elemStep;
+    frac[i] = 1.0f;
+  }
+}
+
+template <typename T, typename C>
+void ipf_resize_nn(const T* src, int srcWidth, int srcHeight, int srcStep,
+                   int srcPixStep, T* dst, int dstWidth, int dstHeight,
+                   int dstStep, int dstPixStep, C tag) {
+  constexpr int N = ChannelsOf(C());
+  static_cast<void>(tag);
+  if (dstWidth < 1 || dstHeight < 1) return;
+  if (srcPixStep == N && dstPixStep == N && srcWidth == dstWidth &&
+      srcHeight == dstHeight) {
+    ipf_memcpy_2d(src, static_cast<int>(srcWidth * N * sizeof(T)), srcHeight,
+                  static_cast<int>(srcStep * sizeof(T)), dst,
+                  static_cast<int>(dstStep * sizeof(T)));
+    return;
+  }
+  int* colTab = new int[dstWidth];
+  int* rowTab = new int[dstHeight];
+  ipf_calc_resize_tab_nn(srcWidth, dstWidth, colTab, srcPixStep);
+  ipf_calc_resize_tab_nn(srcHeight, dstHeight, rowTab, 1);
+  for (int y = 0; y < dstHeight; ++y) {
+    CopyRowNearest<T, N>(src + static_cast<ptrdiff_t>(rowTab[y]) * srcStep,
+                         colTab, dst + static_cast<ptrdiff_t>(y) * dstStep,
+                         dstWidth, dstPixStep);
+  }
+  delete[] colTab;
+  delete[] rowTab;
+}
+
+template <typename TS, typename TD>
+void ipf_resize_bl(const TS* src, int srcWidth, int srcHeight, int srcStep,
+                   int srcPixStep, TD* dst, int dstWidth, int dstHeight,
+                   int dstStep, int dstPixStep, int channels) {
+  if (dstWidth < 1 || dstHeight < 1) return;
+  int* colTab = new int[dstWidth];
+  float* colFrac = new float[dstWidth];
+  int* rowTab = new int[dstHeight];
+  float* rowFrac = new float[dstHeight];
+  ipf_calc_resize_tab_bl(srcWidth, dstWidth, colTab, colFrac, srcPixStep);
+  ipf_calc_resize_tab_bl(srcHeight, dstHeight, rowTab, rowFrac, 1);
+  // A single source column or row would have its table point one element
+  // before the plane, with all weight on the element after it: read that
+  // element twice instead, which gives the same value.
+  const int xStep = srcWidth > 1 ? srcPixStep : 0;
+  const int yStep = srcHeight > 1 ? srcStep : 0;
+  if (srcWidth <= 1) std::memset(colTab, 0, dstWidth * sizeof(int));
+  if (srcHeight <= 1) std::memset(rowTab, 0, dstHeight * sizeof(int));
+  const int wide = channels / kBlendLanes * kBlendLanes;
+  for (int y = 0; y < dstHeight; ++y) {
+    const TS* r0 = src + static_cast<ptrdiff_t>(rowTab[y]) * srcStep;
+    const TS* r1 = r0 + yStep;
+    const float fy = rowFrac[y];
+    TD* out = dst + static_cast<ptrdiff_t>(y) * dstStep;
+    for (int x = 0; x < dstWidth; ++x) {
+      const TS* p0 = r0 + colTab[x];
+      const TS* p1 = r1 + colTab[x];
+      const float fx = colFrac[x];
+      TD* o = out + static_cast<ptrdiff_t>(x) * dstPixStep;
+      int c = 0;
+      for (; c < wide; c += kBlendLanes) {
+        BlendWide(p0 + c, p1 + c, xStep, fx, fy, o + c);
+      }
+      for (; c < channels; ++c) {
+        const float v =
+            Blend(static_cast<float>(p0[c]), static_cast<float>(p0[xStep + c]),
+                  static_cast<float>(p1[c]), static_cast<float>(p1[xStep + c]),
+                  fx, fy);
+        o[c] = static_cast<TD>(static_cast<int>(v));
+      }
+    }
+  }
+  delete[] colTab;
+  delete[] colFrac;
+  delete[] rowTab;
+  delete[] rowFrac;
+}
+
+template SOFTMATTE_API void ipf_resize_nn<unsigned char, ccn<1>>(
+    const unsigned char*, int, int, int, int, unsigned char*, int, int, int,
+    int, ccn<1>);
+template SOFTMATTE_API void ipf_resize_nn<unsigned char, ccn<3>>(
+    const unsigned char*, int, int, int, int, unsigned char*, int, int, int,
+    int, ccn<3>);
+template SOFTMATTE_API void ipf_resize_bl<unsigned char, unsigned char>(
+    const unsigned char*, int, int, int, int, unsigned char*, int, int, int,
+    int, int);
+
+void ipf_calc_nbr_offset(int rx, int ry, int step, int pixStep, int* offsets,
+                         bool skipCentre) {
+  if (offsets == nullptr || rx < 0 || ry < 0) return;
+  int n = 0;
+  for (int dy = -ry; dy <= ry; ++dy) {
+    for (int dx = -rx; dx <= rx; ++dx) {
+      if (skipCentre && dx == 0 && dy == 0) continue;
+      offsets[n++] = dy * step + dx * pixStep;
+    }
+  }
+}
+
+}  // namespace ff
