@@ -87,7 +87,7 @@ SOFTMATTE_API void* ff_galloc(unsigned long size);
 // Deletes p (registered or not) and leaves a hole where it was registered.
 SOFTMATTE_API void ff_gfree(void* p);
 // Registers a callback for ff_gfree_all; null is ignored. Registering again
-// after ff_gfree_all is not supported.
+// after ff_gfree_all starts a new list.
 SOFTMATTE_API void ff_add_gfree_func(void (*fn)());
 // Deletes every registered block, then runs the callbacks in order.
 SOFTMATTE_API void ff_gfree_all();
