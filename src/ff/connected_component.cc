@@ -1,6 +1,8 @@
 #include <cstddef>
+#include <cstring>
 #include <memory>
 #include <new>
+#include <utility>
 
 #include "softmatte/ff/ipf.h"
 
@@ -14,53 +16,90 @@ std::unique_ptr<T[]> try_alloc(size_t n) {
   return std::unique_ptr<T[]>(new (std::nothrow) T[n > 0 ? n : 1]);
 }
 
-// First pass: provisional labels in raster order, written straight into the
-// label plane, plus the pairs of labels found to touch. Returns the number of
-// provisional labels; *pair_count receives the number of pairs.
-int provisional_labels(const unsigned char* img, int width, int height,
-                       ptrdiff_t step, int* labels, ptrdiff_t label_step,
-                       int* pairs, size_t* pair_count) {
-  int next = 0;
-  size_t n = 0;
+// Pixels per block of the first pass. A block whose bytes repeat the row above
+// repeats its provisional labels too, so only a flag is kept for it and the
+// final pass copies the finished row above: inside large regions, which is
+// nearly everywhere in a segmentation mask, no label is looked up at all.
+constexpr int kBlock = 16;
 
-  labels[0] = next++;
-  for (int x = 1; x < width; ++x) {
-    labels[x] = img[x] == img[x - 1] ? labels[x - 1] : next++;
+// First pass: provisional labels handed out in raster order and the pairs of
+// labels found to touch. The labels of a row are built in a two-row buffer;
+// those of blocks that could not be copied from the row above also go to the
+// label plane, and `copied` records the others.
+class ProvisionalLabeller {
+ public:
+  ProvisionalLabeller(int* pairs, int* rows, int width)
+      : pairs_(pairs), cur_(rows), prev_(rows + width), width_(width) {}
+
+  int count() const { return next_; }
+  size_t pair_count() const { return pair_count_; }
+
+  void first_row(const unsigned char* row, int* lab) {
+    cur_[0] = next_++;
+    for (int x = 1; x < width_; ++x) {
+      cur_[x] = row[x] == row[x - 1] ? cur_[x - 1] : next_++;
+    }
+    std::memcpy(lab, cur_, sizeof(int) * width_);
   }
 
-  for (int y = 1; y < height; ++y) {
-    const unsigned char* row = img + y * step;
-    const unsigned char* up = row - step;
-    int* lab = labels + y * label_step;
-    const int* lab_up = lab - label_step;
+  void next_row(const unsigned char* row, const unsigned char* up, int* lab,
+                unsigned char* copied) {
+    std::swap(cur_, prev_);
+    cur_[0] = row[0] == up[0] ? prev_[0] : next_++;
+    lab[0] = cur_[0];
+    int x = 1;
+    for (int block = 0; x + kBlock <= width_; ++block, x += kBlock) {
+      // Equal bytes give equal labels as long as the pixel before the block
+      // does not carry a label the row above lacks into it.
+      const bool repeats = std::memcmp(row + x, up + x, kBlock) == 0 &&
+                           (row[x - 1] != row[x] || cur_[x - 1] == prev_[x]);
+      copied[block] = repeats;
+      if (repeats) {
+        std::memcpy(cur_ + x, prev_ + x, sizeof(int) * kBlock);
+      } else {
+        label_span(row, up, x, x + kBlock);
+        std::memcpy(lab + x, cur_ + x, sizeof(int) * kBlock);
+      }
+    }
+    label_span(row, up, x, width_);
+    std::memcpy(lab + x, cur_ + x, sizeof(int) * (width_ - x));
+  }
 
-    lab[0] = row[0] == up[0] ? lab_up[0] : next++;
-    for (int x = 1; x < width; ++x) {
+ private:
+  void label_span(const unsigned char* row, const unsigned char* up, int begin,
+                  int end) {
+    for (int x = begin; x < end; ++x) {
       const unsigned char v = row[x];
       if (v == row[x - 1]) {
-        const int left = lab[x - 1];
-        lab[x] = left;
+        const int left = cur_[x - 1];
+        cur_[x] = left;
         if (v == up[x]) {
-          const int above = lab_up[x];
+          const int above = prev_[x];
           // Along a shared border the same pair repeats pixel after pixel;
           // dropping the repeats keeps the list near the number of runs.
-          if (left != above && (n == 0 || pairs[2 * n - 2] != left ||
-                                pairs[2 * n - 1] != above)) {
-            pairs[2 * n] = left;
-            pairs[2 * n + 1] = above;
-            ++n;
+          if (left != above &&
+              (pair_count_ == 0 || pairs_[2 * pair_count_ - 2] != left ||
+               pairs_[2 * pair_count_ - 1] != above)) {
+            pairs_[2 * pair_count_] = left;
+            pairs_[2 * pair_count_ + 1] = above;
+            ++pair_count_;
           }
         }
       } else if (v == up[x]) {
-        lab[x] = lab_up[x];
+        cur_[x] = prev_[x];
       } else {
-        lab[x] = next++;
+        cur_[x] = next_++;
       }
     }
   }
-  *pair_count = n;
-  return next;
-}
+
+  int* pairs_;
+  int* cur_;
+  int* prev_;
+  int width_;
+  int next_ = 0;
+  size_t pair_count_ = 0;
+};
 
 }  // namespace
 
@@ -74,9 +113,23 @@ int ipf_connected_component(const unsigned char* img, int width, int height,
   std::unique_ptr<int[]> pairs = try_alloc<int>(2 * pixels);
   if (!pairs) return 0;
 
-  size_t pair_count = 0;
-  const int provisional = provisional_labels(
-      img, width, height, step, labels, labelStep, pairs.get(), &pair_count);
+  const int blocks = (width - 1) / kBlock;
+  std::unique_ptr<int[]> rows = try_alloc<int>(2 * static_cast<size_t>(width));
+  std::unique_ptr<unsigned char[]> copied =
+      try_alloc<unsigned char>(static_cast<size_t>(blocks) * height);
+  if (!rows || !copied) return 0;
+
+  ProvisionalLabeller labeller(pairs.get(), rows.get(), width);
+  labeller.first_row(img, labels);
+  for (int y = 1; y < height; ++y) {
+    const unsigned char* row = img + static_cast<ptrdiff_t>(y) * step;
+    labeller.next_row(row, row - step,
+                      labels + static_cast<ptrdiff_t>(y) * labelStep,
+                      copied.get() + static_cast<size_t>(y) * blocks);
+  }
+  rows.reset();
+  const int provisional = labeller.count();
+  const size_t pair_count = labeller.pair_count();
   const size_t count = static_cast<size_t>(provisional);
 
   // The adjacency lists live in one array indexed by per-label offsets:
@@ -121,9 +174,22 @@ int ipf_connected_component(const unsigned char* img, int width, int height,
     ++components;
   }
 
-  for (int y = 0; y < height; ++y) {
+  for (int x = 0; x < width; ++x) labels[x] = final_label[labels[x]];
+  for (int y = 1; y < height; ++y) {
     int* lab = labels + static_cast<ptrdiff_t>(y) * labelStep;
-    for (int x = 0; x < width; ++x) lab[x] = final_label[lab[x]];
+    const int* lab_up = lab - labelStep;
+    const unsigned char* row_copied =
+        copied.get() + static_cast<size_t>(y) * blocks;
+    lab[0] = final_label[lab[0]];
+    int x = 1;
+    for (int block = 0; block < blocks; ++block, x += kBlock) {
+      if (row_copied[block]) {
+        std::memcpy(lab + x, lab_up + x, sizeof(int) * kBlock);
+      } else {
+        for (int i = x; i < x + kBlock; ++i) lab[i] = final_label[lab[i]];
+      }
+    }
+    for (; x < width; ++x) lab[x] = final_label[lab[x]];
   }
   return components;
 }

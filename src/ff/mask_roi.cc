@@ -1,5 +1,4 @@
 #include <cstddef>
-#include <memory>
 
 #include "softmatte/ff/ipf.h"
 
@@ -20,30 +19,50 @@ int end_of_marked(const unsigned char* marks, int n) {
   return i;
 }
 
-// Marks the columns and rows where hit(x, y) holds and writes their box.
-// The row hit is accumulated as a byte OR rather than with an early exit so
-// that the inner loop stays branch-free and vectorises.
-template <typename RowHit>
-bool box_of_marks(int width, int height, int* roi, RowHit row_hit) {
-  const int w = width > 0 ? width : 0;
-  const int h = height > 0 ? height : 0;
-  std::unique_ptr<unsigned char[]> cols(new unsigned char[w + 1]());
-  std::unique_ptr<unsigned char[]> rows(new unsigned char[h + 1]());
-  for (int y = 0; y < h; ++y) rows[y] = row_hit(y, cols.get());
+// Bounding box of the pixels where hit(x, y) holds. Only the first and the
+// last row with a hit are searched in full; rows between them can only widen
+// the box, so they are read outside it alone. A mask with one large region
+// is then read little further than its background.
+template <typename Hit>
+bool box_of_hits(int width, int height, int* roi, Hit hit) {
+  int left = width;
+  int right = 0;
+  // Widens [left, right) by the hits of row y outside it; false when the row
+  // has none there.
+  auto widen = [&](int y) {
+    int x = 0;
+    while (x < left && !hit(x, y)) ++x;
+    const bool found_left = x < left;
+    if (found_left) left = x;
+    if (!found_left && left == width) return false;  // the whole row is clear
+    x = width - 1;
+    while (x >= right && !hit(x, y)) --x;
+    const bool found_right = x >= right;
+    if (found_right) right = x + 1;
+    return found_left || found_right;
+  };
 
-  const int left = first_marked(cols.get(), w);
-  const int right = end_of_marked(cols.get(), w);
-  const int top = first_marked(rows.get(), h);
-  const int bottom = end_of_marked(rows.get(), h);
-  if (left < right && top < bottom) {
-    roi[0] = left;
-    roi[1] = top;
-    roi[2] = right;
-    roi[3] = bottom;
-    return true;
+  int top = 0;
+  while (top < height && !widen(top)) ++top;
+  if (top == height) {
+    roi[0] = roi[1] = roi[2] = roi[3] = 0;
+    return false;
   }
-  roi[0] = roi[1] = roi[2] = roi[3] = 0;
-  return false;
+  // A row below the top one counts if it widens the box or has a hit inside.
+  auto any_hit = [&](int y) {
+    bool inside = false;
+    for (int x = left; x < right && !inside; ++x) inside = hit(x, y);
+    return widen(y) || inside;
+  };
+  int bottom = height;
+  while (bottom > top + 1 && !any_hit(bottom - 1)) --bottom;
+  for (int y = top + 1; y < bottom - 1; ++y) widen(y);
+
+  roi[0] = left;
+  roi[1] = top;
+  roi[2] = right;
+  roi[3] = bottom;
+  return true;
 }
 
 }  // namespace
@@ -63,35 +82,19 @@ bool ipf_get_mask_range(const unsigned char* values, int n, int& first,
 bool ipf_get_mask_roi(const unsigned char* mask, int width, int height,
                       int step, int* roi, unsigned char threshold) {
   if (mask == nullptr || roi == nullptr) return false;
-  return box_of_marks(
-      width, height, roi, [&](int y, unsigned char* cols) -> unsigned char {
-        const unsigned char* row = mask + static_cast<ptrdiff_t>(y) * step;
-        unsigned char any = 0;
-        for (int x = 0; x < width; ++x) {
-          const unsigned char hit = row[x] > threshold;
-          cols[x] |= hit;
-          any |= hit;
-        }
-        return any;
-      });
+  return box_of_hits(width, height, roi, [=](int x, int y) {
+    return mask[static_cast<ptrdiff_t>(y) * step + x] > threshold;
+  });
 }
 
 bool ipf_get_mask_diff_roi(const unsigned char* a, int width, int height,
                            int stepA, const unsigned char* b, int stepB,
                            int* roi) {
   if (a == nullptr || b == nullptr || roi == nullptr) return false;
-  return box_of_marks(
-      width, height, roi, [&](int y, unsigned char* cols) -> unsigned char {
-        const unsigned char* row_a = a + static_cast<ptrdiff_t>(y) * stepA;
-        const unsigned char* row_b = b + static_cast<ptrdiff_t>(y) * stepB;
-        unsigned char any = 0;
-        for (int x = 0; x < width; ++x) {
-          const unsigned char hit = row_a[x] != row_b[x];
-          cols[x] |= hit;
-          any |= hit;
-        }
-        return any;
-      });
+  return box_of_hits(width, height, roi, [=](int x, int y) {
+    return a[static_cast<ptrdiff_t>(y) * stepA + x] !=
+           b[static_cast<ptrdiff_t>(y) * stepB + x];
+  });
 }
 
 }  // namespace ff

@@ -134,11 +134,49 @@ TEST(ConnectedComponent, MatchesFloodFillOnLargerBinaryPlanes) {
   }
 }
 
+// Overlapping rectangles and discs make long runs that repeat the row above,
+// as segmentation masks do, with regions that meet only several rows down.
+TEST(ConnectedComponent, MatchesFloodFillOnOverlappingShapes) {
+  std::mt19937 rng(314);
+  for (int width : {17, 33, 48, 101, 130}) {
+    for (int height : {3, 40, 77}) {
+      for (int trial = 0; trial < 6; ++trial) {
+        const int stride = width + 9;
+        std::vector<unsigned char> img(static_cast<size_t>(stride) * height,
+                                       kSentinel);
+        for (int y = 0; y < height; ++y) {
+          for (int x = 0; x < width; ++x) img[y * stride + x] = 0;
+        }
+        const int shapes = 1 + static_cast<int>(rng() % 12);
+        for (int s = 0; s < shapes; ++s) {
+          const int cx = static_cast<int>(rng() % width);
+          const int cy = static_cast<int>(rng() % height);
+          const int rx = 1 + static_cast<int>(rng() % (width / 2 + 1));
+          const int ry = 1 + static_cast<int>(rng() % (height / 2 + 1));
+          const bool disc = rng() % 2 == 0;
+          const auto value = static_cast<unsigned char>(rng() % 3);
+          for (int y = 0; y < height; ++y) {
+            for (int x = 0; x < width; ++x) {
+              const double dx = static_cast<double>(x - cx) / rx;
+              const double dy = static_cast<double>(y - cy) / ry;
+              const bool inside =
+                  disc ? dx * dx + dy * dy <= 1.0
+                       : (dx >= -1 && dx < 1 && dy >= -1 && dy < 1);
+              if (inside) img[y * stride + x] = value;
+            }
+          }
+        }
+        ExpectMatchesReference(img, width, height, stride, /*label_pad=*/3);
+      }
+    }
+  }
+}
+
 // Teeth of a comb hang from a bar at the bottom: every tooth gets its own
 // provisional label and only the last row joins them, while the gaps between
 // teeth stay separate components numbered after the teeth they follow.
 TEST(ConnectedComponent, CombJoinedAtTheBottomIsOneComponent) {
-  const int width = 15;
+  const int width = 45;
   const int height = 6;
   std::vector<unsigned char> img(static_cast<size_t>(width) * height, 0);
   for (int y = 0; y < height; ++y) {
@@ -149,7 +187,7 @@ TEST(ConnectedComponent, CombJoinedAtTheBottomIsOneComponent) {
   std::vector<int> labels(img.size(), kLabelSentinel);
   ASSERT_EQ(ff::ipf_connected_component(img.data(), width, height, width,
                                         labels.data(), width),
-            8);
+            23);
   for (int x = 0; x < width; ++x) {
     EXPECT_EQ(labels[x], x % 2 == 0 ? 0 : (x + 1) / 2) << "column " << x;
     EXPECT_EQ(labels[(height - 1) * width + x], 0) << "column " << x;
