@@ -111,9 +111,8 @@ int SparseLinearSys(int* rowIndex, int* colStart, double* values, double* rhs,
   // Left empty unless the factorisation gets far enough to build them.
   SuperMatrix l = {};
   SuperMatrix u = {};
-  GlobalLU_t glu;
-  memset(&glu, 0, sizeof(glu));
-  mem_usage_t memUsage;
+  GlobalLU_t glu = {};
+  mem_usage_t memUsage = {};
   char equed[1] = {'N'};
   double pivotGrowth = 0.0;
   double rcond = 0.0;
