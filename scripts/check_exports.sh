@@ -17,5 +17,5 @@ while read -r name; do
     status=1
   fi
 done < <(nm -DC --defined-only "$lib" | awk '$2 ~ /[TDBRV]/ {$1=""; $2=""; sub(/^  /, ""); print}' |
-         grep -v -E '^(std::|__gnu_cxx::|operator new|operator delete|typeinfo|vtable|_init$|_fini$|_edata$|_end$|__bss_start$)')
+         grep -v -E '^(sp_ienv$|std::|__gnu_cxx::|operator new|operator delete|typeinfo|vtable|_init$|_fini$|_edata$|_end$|__bss_start$)')
 exit $status

@@ -115,6 +115,8 @@ SOFTMATTE_API void ipf_mean_filter(const unsigned char* src, int width,
                                    unsigned char* dst, int dstStep, int* count,
                                    int countStep, int kw, int kh, int* border);
 
+// ---- Distance fields ----
+
 }  // namespace ff
 
 #endif  // SOFTMATTE_FF_IPF_H_
