@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "softmatte/ff/ipf.h"
+#include "test_util.h"
 
 namespace {
 
@@ -55,6 +56,22 @@ void BM_ipf_connected_component_blobs(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * kWidth * kHeight);
 }
 BENCHMARK(BM_ipf_connected_component_blobs)->Unit(benchmark::kMillisecond);
+
+// The opposite of a mask: salt-and-pepper noise, where almost every pixel
+// starts a run and no block repeats the row above.
+void BM_ipf_connected_component_noise(benchmark::State& state) {
+  std::vector<unsigned char> noise(static_cast<size_t>(kWidth) * kHeight);
+  softmatte_test::FillRandom(noise, /*seed=*/3);
+  for (auto& v : noise) v = v < 128 ? 0 : 255;
+  std::vector<int> labels(noise.size());
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(ff::ipf_connected_component(
+        noise.data(), kWidth, kHeight, kWidth, labels.data(), kWidth));
+    benchmark::ClobberMemory();
+  }
+  state.SetItemsProcessed(state.iterations() * kWidth * kHeight);
+}
+BENCHMARK(BM_ipf_connected_component_noise)->Unit(benchmark::kMillisecond);
 
 // The labelling's yardstick: copying the mask's bytes once.
 void BM_memcpy_blob_mask(benchmark::State& state) {
