@@ -109,7 +109,7 @@ int ipf_connected_component(const unsigned char* img, int width, int height,
   if (width < 1 || height < 1) return 0;
 
   const size_t pixels = static_cast<size_t>(width) * height;
-  // Every pixel can add at most one pair, so this bound never overflows.
+  // Each pixel appends at most one pair, so the list cannot run over.
   std::unique_ptr<int[]> pairs = try_alloc<int>(2 * pixels);
   if (!pairs) return 0;
 
