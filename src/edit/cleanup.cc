@@ -70,6 +70,8 @@ unsigned char smoothed(int mean, int maximum, int minimum) {
   if (maximum == 0) return 0;
   float r = static_cast<float>(mean) / static_cast<float>(maximum);
   if (r != 1.0f) {
+    // A float division: the exponent eases from 2 towards 1 as the darkest
+    // neighbour brightens to 32, so faint veils are not crushed.
     const float e = std::max(
         2.0f - r - static_cast<float>(std::min(minimum, 32)) / 64.0f, 1.0f);
     r = std::pow(r, e);
