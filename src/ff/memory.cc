@@ -32,9 +32,7 @@ Registry& registry() {
 
 // Appends value to a table of count used slots, growing it by kGrowth slots
 // when it is full. A missing table is treated as full, whatever its recorded
-// capacity says: after ff_gfree_all the cleanup table is gone while its
-// capacity survives, and a callback may allocate while the entry table is
-// being torn down.
+// capacity says: ff_gfree_all drops the cleanup table but keeps its capacity.
 template <typename T>
 void append(T*& table, int& count, int& capacity, T value) {
   if (table == nullptr || count >= capacity) {

@@ -300,30 +300,24 @@ TEST(PlaneHelpers, NullPlanesAndEmptyStacksDoNothing) {
 }
 
 TEST(PixelCopy, CopiesWidthPixelsOfTheFormatPerRow) {
+  // One and three channels of bytes, two channels of 16 bits, one float:
+  // the row length must come from both element size and channel count.
   uint32_t seed = 700;
-  // One and three channels of bytes, two channels of 16 bits, one float.
   for (int type : {0x111, 0x311, 0x223, 0x145}) {
-    const int pixel_bytes = ((type >> 4) & 15) * ((type >> 8) & 255);
-    for (int width : {1, 3, 6, 11}) {
-      for (const Strides& s : kStrideCases) {
-        const int height = 4;
-        const int row_bytes = width * pixel_bytes;
-        const int src_step = row_bytes + s.src_pad;
-        const int dst_step = row_bytes + s.dst_pad;
-        const Bytes src = Plane(row_bytes, height, src_step, seed++);
-        Bytes dst = Plane(row_bytes, height, dst_step, seed++);
-        Bytes want = dst;
-        for (int y = 0; y < height; ++y) {
-          for (int x = 0; x < row_bytes; ++x) {
-            want[at(dst_step, y, x)] = src[at(src_step, y, x)];
-          }
-        }
-        ff::fiuCopy(src.data(), width, height, src_step, type, dst.data(),
-                    dst_step);
-        ASSERT_TRUE(SameBytes(dst, want))
-            << "type " << type << " " << Where(row_bytes, height, s);
+    const int width = 5;
+    const int height = 3;
+    const int row_bytes = width * ((type >> 4) & 15) * ((type >> 8) & 255);
+    const Bytes src = Plane(row_bytes, height, row_bytes + 3, seed++);
+    Bytes dst = Plane(row_bytes, height, row_bytes + 6, seed++);
+    Bytes want = dst;
+    for (int y = 0; y < height; ++y) {
+      for (int x = 0; x < row_bytes; ++x) {
+        want[at(row_bytes + 6, y, x)] = src[at(row_bytes + 3, y, x)];
       }
     }
+    ff::fiuCopy(src.data(), width, height, row_bytes + 3, type, dst.data(),
+                row_bytes + 6);
+    ASSERT_TRUE(SameBytes(dst, want)) << "type " << type;
   }
 }
 
