@@ -1,0 +1,180 @@
+#include <cstddef>
+
+#include "resample/pair_search.h"
+#include "softmatte/resample.h"
+
+namespace {
+
+using usam_internal::Candidates;
+using usam_internal::Pick;
+
+// Which pixels a fill touches.
+struct EveryPixel {
+  bool operator()(const unsigned char*, const int*, int) const { return true; }
+};
+struct MaskNonZero {
+  bool operator()(const unsigned char* maskRow, const int*, int x) const {
+    return maskRow[x] != 0;
+  }
+};
+// Only holes of the table under the chosen mask value: entries that already
+// exist were computed with other data and must survive.
+struct HolesWithMaskValue {
+  unsigned char value;
+  bool operator()(const unsigned char* maskRow, const int* idxRow,
+                  int x) const {
+    return idxRow[2 * x] < 0 && (maskRow == nullptr || maskRow[x] == value);
+  }
+};
+
+// Reduced pixels over full-resolution ones, in double precision as the
+// coordinates of existing tables were; a single row or column maps to 0.
+double Scale(int lowSize, int size) {
+  return size > 1 ? static_cast<double>(lowSize - 1) / (size - 1) : 0.0;
+}
+
+struct Geometry {
+  const unsigned char* img;
+  int width;
+  int height;
+  int imgStride;
+  const unsigned char* mask;
+  int maskStride;
+  const unsigned char* low;
+  int lowWidth;
+  int lowHeight;
+  int lowStride;
+  int* idx;
+  int idxStride;
+  short* wts;
+  int wtsStride;
+};
+
+template <int kBytes, int kCount, typename Select>
+void FillRows(const Geometry& g, const int* columns, double sy, int y0, int y1,
+              Select select) {
+  constexpr int kErr = kBytes;
+  for (int y = y0; y < y1; ++y) {
+    const int v = kCount == 9 ? usam_internal::MapCentred(y, sy, g.lowHeight)
+                              : usam_internal::MapRow2x2(y, sy, g.lowHeight);
+    const unsigned char* imgRow =
+        g.img + static_cast<ptrdiff_t>(y) * g.imgStride;
+    const unsigned char* maskRow =
+        g.mask ? g.mask + static_cast<ptrdiff_t>(y) * g.maskStride : nullptr;
+    int* idxRow = g.idx + static_cast<ptrdiff_t>(y) * g.idxStride;
+    short* wtsRow = g.wts + static_cast<ptrdiff_t>(y) * g.wtsStride;
+    Candidates<kCount> cand;
+    int loaded = -1;
+    for (int x = 0; x < g.width; ++x) {
+      if (!select(maskRow, idxRow, x)) continue;
+      const int u = columns[x];
+      if (u != loaded) {
+        usam_internal::LoadCandidates<kBytes>(g.low, g.lowStride, u, v, &cand);
+        loaded = u;
+      }
+      const unsigned char* px = imgRow + static_cast<ptrdiff_t>(x) * kBytes;
+      int c[4];
+      for (int ch = 0; ch < 4; ++ch) c[ch] = ch < kBytes ? px[ch] : 0;
+      const Pick pick = usam_internal::PickPair<kCount, kErr>(cand, c);
+      const int base = v * g.lowWidth + u;
+      idxRow[2 * x] =
+          base + usam_internal::CandidateOffset<kCount>(pick.first, g.lowWidth);
+      idxRow[2 * x + 1] = base + usam_internal::CandidateOffset<kCount>(
+                                     pick.second, g.lowWidth);
+      wtsRow[x] = static_cast<short>(pick.weight);
+    }
+  }
+}
+
+template <int kBytes, int kCount, typename Select>
+void Fill(const Geometry& g, Select select) {
+  if (!g.img || !g.low || !g.idx || !g.wts || g.width < 1 || g.height < 1) {
+    return;
+  }
+  // Smaller reduced planes have no full neighbourhood to read.
+  const int minLow = kCount == 9 ? 3 : 2;
+  if (g.lowWidth < minLow || g.lowHeight < minLow) return;
+  const double sx = Scale(g.lowWidth, g.width);
+  const double sy = Scale(g.lowHeight, g.height);
+  int* columns = new int[g.width];
+  for (int x = 0; x < g.width; ++x) {
+    columns[x] = kCount == 9 ? usam_internal::MapCentred(x, sx, g.lowWidth)
+                             : usam_internal::MapColumn2x2(x, sx, g.lowWidth);
+  }
+  // Four independent bands of rows, one after the other.
+  const int h = g.height;
+  const int bounds[5] = {0, h / 4, h / 2, 3 * (h / 4), h};
+  for (int band = 0; band < 4; ++band) {
+    FillRows<kBytes, kCount>(g, columns, sy, bounds[band], bounds[band + 1],
+                             select);
+  }
+  delete[] columns;
+}
+
+template <int kBytes>
+void FillMasked(const Geometry& g, int mode) {
+  if (mode == 2) {
+    if (g.mask) {
+      Fill<kBytes, 4>(g, MaskNonZero());
+    } else {
+      Fill<kBytes, 4>(g, EveryPixel());
+    }
+  } else {
+    if (g.mask) {
+      Fill<kBytes, 9>(g, MaskNonZero());
+    } else {
+      Fill<kBytes, 9>(g, EveryPixel());
+    }
+  }
+}
+
+}  // namespace
+
+void usam_calc_weights_8u_c3(const unsigned char* img, int width, int height,
+                             int img_stride, const unsigned char* mask,
+                             int mask_stride, const unsigned char* low,
+                             int low_width, int low_height, int low_stride,
+                             int* idx, int idx_stride, short* wts,
+                             int wts_stride, int mode) {
+  const Geometry g{img,         width,      height,    img_stride, mask,
+                   mask_stride, low,        low_width, low_height, low_stride,
+                   idx,         idx_stride, wts,       wts_stride};
+  FillMasked<3>(g, mode);
+}
+
+void usam_calc_weights_8u_c3(const unsigned char* img, int width, int height,
+                             int img_stride, const unsigned char* mask,
+                             int mask_stride, unsigned char /*value*/,
+                             const unsigned char* low, int low_width,
+                             int low_height, int low_stride, int* idx,
+                             int idx_stride, short* wts, int wts_stride,
+                             int mode) {
+  // The value is part of the interface but the mask test stays non-zero.
+  usam_calc_weights_8u_c3(img, width, height, img_stride, mask, mask_stride,
+                          low, low_width, low_height, low_stride, idx,
+                          idx_stride, wts, wts_stride, mode);
+}
+
+void usam_calc_weights_8u_c4(const unsigned char* img, int width, int height,
+                             int img_stride, const unsigned char* mask,
+                             int mask_stride, const unsigned char* low,
+                             int low_width, int low_height, int low_stride,
+                             int* idx, int idx_stride, short* wts,
+                             int wts_stride, int mode) {
+  const Geometry g{img,         width,      height,    img_stride, mask,
+                   mask_stride, low,        low_width, low_height, low_stride,
+                   idx,         idx_stride, wts,       wts_stride};
+  FillMasked<4>(g, mode);
+}
+
+void usam_update_weights(const unsigned char* img, int width, int height,
+                         int img_stride, const unsigned char* mask,
+                         int mask_stride, unsigned char value,
+                         const unsigned char* low, int low_width,
+                         int low_height, int low_stride, int* idx,
+                         int idx_stride, short* wts, int wts_stride) {
+  const Geometry g{img,         width,      height,    img_stride, mask,
+                   mask_stride, low,        low_width, low_height, low_stride,
+                   idx,         idx_stride, wts,       wts_stride};
+  Fill<3, 9>(g, HolesWithMaskValue{value});
+}
