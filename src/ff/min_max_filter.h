@@ -5,15 +5,17 @@
 // Gil-Werman block scheme: a constant number of comparisons per pixel, for
 // any window size.
 //
-// The one-dimensional pass works on kMmLanes lines at once, interleaved in a
-// line buffer, so that every comparison is a plain loop over the lanes that
-// the compiler turns into vector instructions on any target. Rows of a plane
-// are gathered into the lanes; columns are filtered the same way through the
-// transposed view of the plane, where the lanes are neighbouring bytes.
+// The one-dimensional pass works on min_max::kLanes lines at once, interleaved
+// in a line buffer, so that every comparison is a plain loop over the lanes
+// that the compiler turns into vector instructions on any target. Rows of a
+// plane are gathered into the lanes; columns are filtered the same way through
+// the transposed view of the plane, where the lanes are neighbouring bytes.
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
+#include <type_traits>
 
 namespace ff {
 
@@ -29,36 +31,161 @@ struct _GR {
   T operator()(T a, T b) const { return a >= b ? a : b; }
 };
 
+namespace min_max {
+
 // Lines filtered side by side; one cache line of bytes.
-constexpr int kMmLanes = 64;
+constexpr int kLanes = 64;
 
 // An even window reaches as far as the next odd one.
-inline int _mm_odd_ksize(int ksize) { return 2 * (std::max(ksize, 0) / 2) + 1; }
+inline int OddWindow(int ksize) { return 2 * (std::max(ksize, 0) / 2) + 1; }
 
 // Elements of line-buffer scratch _mm_filter_2D_x needs for lines of length
 // positions: the padded line, the filtered line and the block array.
-inline size_t _mm_line_scratch_size(int length, int ksize) {
+inline size_t LineScratchSize(int length, int ksize) {
   const size_t blocks = static_cast<size_t>((length + ksize - 1) / ksize);
   const size_t padded = static_cast<size_t>(ksize / 2) + blocks * ksize + ksize;
-  return (padded + static_cast<size_t>(length) + 2 * ksize) * kMmLanes;
+  return (padded + static_cast<size_t>(length) + 2 * ksize) * kLanes;
 }
 
 // Elements of scratch _mm_filter_2D_y needs: the intermediate plane, with
 // 2 * ksize spare rows and two spare columns, then the line buffers.
-inline size_t _mm_plane_scratch_size(int width, int height, int ksize) {
+inline size_t PlaneScratchSize(int width, int height, int ksize) {
   return static_cast<size_t>(height + 2 * ksize) * (width + 2) +
-         _mm_line_scratch_size(std::max(width, height), ksize);
+         LineScratchSize(std::max(width, height), ksize);
 }
 
-// Running extremum of kMmLanes interleaved lines of length positions (ksize
-// odd). line points at position 0 and is readable with pad values from
+// out = cmp(a, b) lane by lane. Written values never overlap the read ones:
+// saying so lets the compiler use vector instructions without run-time
+// overlap checks.
+template <typename T, typename Cmp>
+inline void CmpLanes(const T* __restrict a, const T* __restrict b,
+                     T* __restrict out, Cmp cmp) {
+  for (int l = 0; l < kLanes; ++l) out[l] = cmp(a[l], b[l]);
+}
+
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+constexpr bool kWordTranspose = true;
+#else
+constexpr bool kWordTranspose = false;
+#endif
+
+// out row j = in column j of an 8 x 8 byte block, in three rounds of
+// swapping off-diagonal sub-blocks inside 64-bit words. Relies on byte j of
+// a row landing in bits 8j..8j+7 of its word (little-endian).
+inline uint64_t LoadWord(const unsigned char* p) {
+  uint64_t v;
+  std::memcpy(&v, p, 8);
+  return v;
+}
+
+inline void StoreWord(unsigned char* p, uint64_t v) { std::memcpy(p, &v, 8); }
+
+// Swaps the sub-blocks of `shift` bits that lie off the diagonal of the
+// pair of rows a (upper) and b (lower).
+inline void SwapBlocks(uint64_t& a, uint64_t& b, int shift, uint64_t mask) {
+  const uint64_t t = ((a >> shift) ^ b) & mask;
+  b ^= t;
+  a ^= t << shift;
+}
+
+// Named words rather than an array: the rounds then stay in registers, where
+// an array invites vector code that stalls on reloading the words it stored.
+inline void Transpose8x8(const unsigned char* in, ptrdiff_t inStep,
+                         unsigned char* out, ptrdiff_t outStep) {
+  uint64_t r0 = LoadWord(in), r1 = LoadWord(in + inStep),
+           r2 = LoadWord(in + 2 * inStep), r3 = LoadWord(in + 3 * inStep),
+           r4 = LoadWord(in + 4 * inStep), r5 = LoadWord(in + 5 * inStep),
+           r6 = LoadWord(in + 6 * inStep), r7 = LoadWord(in + 7 * inStep);
+  constexpr uint64_t kBytes = 0x00FF00FF00FF00FFull;
+  constexpr uint64_t kPairs = 0x0000FFFF0000FFFFull;
+  constexpr uint64_t kQuads = 0x00000000FFFFFFFFull;
+  SwapBlocks(r0, r1, 8, kBytes);
+  SwapBlocks(r2, r3, 8, kBytes);
+  SwapBlocks(r4, r5, 8, kBytes);
+  SwapBlocks(r6, r7, 8, kBytes);
+  SwapBlocks(r0, r2, 16, kPairs);
+  SwapBlocks(r1, r3, 16, kPairs);
+  SwapBlocks(r4, r6, 16, kPairs);
+  SwapBlocks(r5, r7, 16, kPairs);
+  SwapBlocks(r0, r4, 32, kQuads);
+  SwapBlocks(r1, r5, 32, kQuads);
+  SwapBlocks(r2, r6, 32, kQuads);
+  SwapBlocks(r3, r7, 32, kQuads);
+  StoreWord(out, r0);
+  StoreWord(out + outStep, r1);
+  StoreWord(out + 2 * outStep, r2);
+  StoreWord(out + 3 * outStep, r3);
+  StoreWord(out + 4 * outStep, r4);
+  StoreWord(out + 5 * outStep, r5);
+  StoreWord(out + 6 * outStep, r6);
+  StoreWord(out + 7 * outStep, r7);
+}
+
+// Copies n lines of width positions between a plane (line y, position x at
+// y * step + x * pixStep) and the interleaved lanes (x * kLanes + y): into
+// the lanes when P is const, out of them otherwise. Square tiles keep the
+// transposed bytes in the L1 cache; packed bytes move as 8 x 8 word
+// transposes.
+template <typename P, typename T>
+void MoveLines(P* plane, int width, int n, int step, int pixStep, T* lanes) {
+  constexpr bool kToLanes = std::is_const_v<P>;
+  constexpr int L = kLanes;
+  const auto copy = [](P* p, T* q, size_t count) {
+    if constexpr (kToLanes) {
+      std::memcpy(q, p, count * sizeof(T));
+    } else {
+      std::memcpy(p, q, count * sizeof(T));
+    }
+  };
+  if (step == 1) {
+    // The lanes are neighbouring elements of the plane already.
+    for (int x = 0; x < width; ++x) {
+      P* p = plane + static_cast<ptrdiff_t>(x) * pixStep;
+      T* q = lanes + static_cast<size_t>(x) * L;
+      n == L ? copy(p, q, L) : copy(p, q, n);
+    }
+    return;
+  }
+  const bool words = kWordTranspose && sizeof(T) == 1 && pixStep == 1;
+  const int n8 = words ? n / 8 * 8 : 0;
+  const int w8 = words ? width / 8 * 8 : 0;
+  for (int x0 = 0; x0 < width; x0 += L) {
+    const int x1 = std::min(x0 + L, width);
+    const int wordsEnd = std::max(x0, std::min(x1, w8));
+    if constexpr (sizeof(T) == 1) {
+      for (int r = 0; r < n8; r += 8) {
+        for (int x = x0; x < wordsEnd; x += 8) {
+          P* p = plane + static_cast<ptrdiff_t>(r) * step + x;
+          T* q = lanes + static_cast<size_t>(x) * L + r;
+          if constexpr (kToLanes) {
+            Transpose8x8(p, step, q, L);
+          } else {
+            Transpose8x8(q, L, p, step);
+          }
+        }
+      }
+    }
+    for (int r = 0; r < n; ++r) {
+      P* row = plane + static_cast<ptrdiff_t>(r) * step;
+      for (int x = r < n8 ? wordsEnd : x0; x < x1; ++x) {
+        copy(row + static_cast<ptrdiff_t>(x) * pixStep,
+             lanes + static_cast<size_t>(x) * L + r, 1);
+      }
+    }
+  }
+}
+
+}  // namespace min_max
+
+// Running extremum of min_max::kLanes interleaved lines of length positions
+// (ksize odd). line points at position 0 and is readable with pad values from
 // ksize / 2 positions before it up to the length rounded up to a multiple of
 // ksize plus ksize after it. Output position i goes to dst + i * dstPixStep
-// (kMmLanes contiguous values); scratch holds 2 * ksize - 1 positions.
+// (min_max::kLanes contiguous values); scratch holds 2 * ksize - 1 positions.
 template <typename T, typename Cmp>
 void _mm_filter_1D(const T* line, int length, T* dst, int dstPixStep, int ksize,
                    T* scratch, Cmp cmp) {
-  constexpr int L = kMmLanes;
+  constexpr int L = min_max::kLanes;
   const int reach = 2 * (ksize / 2);
   T* g = scratch;
   for (int p = 0; p < length; p += ksize) {
@@ -67,36 +194,28 @@ void _mm_filter_1D(const T* line, int length, T* dst, int dstPixStep, int ksize,
     // s[ksize - 1 .. j] above it; each output combines one of each.
     std::memcpy(g + (ksize - 1) * L, s + (ksize - 1) * L, L * sizeof(T));
     for (int j = ksize - 2; j >= 0; --j) {
-      const T* sj = s + j * L;
-      const T* up = g + (j + 1) * L;
-      T* gj = g + j * L;
-      for (int l = 0; l < L; ++l) gj[l] = cmp(sj[l], up[l]);
+      min_max::CmpLanes(s + j * L, g + (j + 1) * L, g + j * L, cmp);
     }
     for (int j = ksize; j <= 2 * ksize - 2; ++j) {
-      const T* sj = s + j * L;
-      const T* down = g + (j - 1) * L;
-      T* gj = g + j * L;
-      for (int l = 0; l < L; ++l) gj[l] = cmp(sj[l], down[l]);
+      min_max::CmpLanes(s + j * L, g + (j - 1) * L, g + j * L, cmp);
     }
     const int n = std::min(ksize, length - p);
     for (int i = 0; i < n; ++i) {
-      const T* a = g + i * L;
-      const T* b = g + (i + reach) * L;
-      T* out = dst + static_cast<ptrdiff_t>(p + i) * dstPixStep;
-      for (int l = 0; l < L; ++l) out[l] = cmp(a[l], b[l]);
+      min_max::CmpLanes(g + i * L, g + (i + reach) * L,
+                        dst + static_cast<ptrdiff_t>(p + i) * dstPixStep, cmp);
     }
   }
 }
 
 // Filters height lines of width positions each along the line: position x of
 // line y is src[y * srcStep + x * srcPixStep], likewise dst. Lines go through
-// the padded line buffer kMmLanes at a time; src and dst may overlap as long
-// as no line group writes values a later group still has to read.
+// the padded line buffer min_max::kLanes at a time; src and dst may overlap as
+// long as no line group writes values a later group still has to read.
 template <typename T, typename Cmp>
 void _mm_filter_2D_x(const T* src, int width, int height, int srcStep,
                      int srcPixStep, T* dst, int dstStep, int dstPixStep,
                      int ksize, T* scratch, T pad, Cmp cmp) {
-  constexpr int L = kMmLanes;
+  constexpr int L = min_max::kLanes;
   const int before = ksize / 2;
   const int blocks = (width + ksize - 1) / ksize;
   const size_t padded = static_cast<size_t>(before) + blocks * ksize + ksize;
@@ -109,43 +228,17 @@ void _mm_filter_2D_x(const T* src, int width, int height, int srcStep,
   T* data = line + static_cast<size_t>(before) * L;
   for (int y0 = 0; y0 < height; y0 += L) {
     const int n = std::min(L, height - y0);
-    const T* s = src + static_cast<ptrdiff_t>(y0) * srcStep;
-    if (srcStep == 1) {
-      for (int x = 0; x < width; ++x) {
-        std::memcpy(data + static_cast<size_t>(x) * L,
-                    s + static_cast<ptrdiff_t>(x) * srcPixStep, n * sizeof(T));
-      }
-    } else {
-      for (int r = 0; r < n; ++r) {
-        const T* row = s + static_cast<ptrdiff_t>(r) * srcStep;
-        for (int x = 0; x < width; ++x) {
-          data[static_cast<size_t>(x) * L + r] =
-              row[static_cast<ptrdiff_t>(x) * srcPixStep];
-        }
-      }
-    }
+    min_max::MoveLines(src + static_cast<ptrdiff_t>(y0) * srcStep, width, n,
+                       srcStep, srcPixStep, data);
     _mm_filter_1D(data, width, filtered, L, ksize, blockScratch, cmp);
-    T* d = dst + static_cast<ptrdiff_t>(y0) * dstStep;
-    if (dstStep == 1) {
-      for (int x = 0; x < width; ++x) {
-        std::memcpy(d + static_cast<ptrdiff_t>(x) * dstPixStep,
-                    filtered + static_cast<size_t>(x) * L, n * sizeof(T));
-      }
-    } else {
-      for (int r = 0; r < n; ++r) {
-        T* row = d + static_cast<ptrdiff_t>(r) * dstStep;
-        for (int x = 0; x < width; ++x) {
-          row[static_cast<ptrdiff_t>(x) * dstPixStep] =
-              filtered[static_cast<size_t>(x) * L + r];
-        }
-      }
-    }
+    min_max::MoveLines(dst + static_cast<ptrdiff_t>(y0) * dstStep, width, n,
+                       dstStep, dstPixStep, filtered);
   }
 }
 
 // One channel: the horizontal pass into the intermediate plane of scratch,
 // the vertical pass over that plane's columns, then the copy into dst.
-// scratch holds _mm_plane_scratch_size(width, height, ksize) elements.
+// scratch holds min_max::PlaneScratchSize(width, height, ksize) elements.
 template <typename T, typename Cmp>
 void _mm_filter_2D_y(const T* src, int width, int height, int srcStep,
                      int srcPixStep, T* dst, int dstStep, int dstPixStep,
@@ -180,8 +273,8 @@ void _mm_filter_2D(const T* src, int width, int height, int srcStep,
                    int channels, T* dst, int dstStep, int ksize, int iterations,
                    T pad, Cmp cmp) {
   if (width < 1 || height < 1 || channels < 1) return;
-  ksize = _mm_odd_ksize(ksize);
-  T* scratch = new T[_mm_plane_scratch_size(width, height, ksize)];
+  ksize = min_max::OddWindow(ksize);
+  T* scratch = new T[min_max::PlaneScratchSize(width, height, ksize)];
   const int passes = std::max(iterations, 1);
   for (int pass = 0; pass < passes; ++pass) {
     const T* from = pass == 0 ? src : dst;
@@ -207,7 +300,7 @@ void _mm_filter_2D_wb(const T* src, int width, int height, int srcStep,
     return;
   }
   if (width < 1 || height < 1 || channels < 1) return;
-  ksize = _mm_odd_ksize(ksize);
+  ksize = min_max::OddWindow(ksize);
   const int l = std::clamp(border[0], 0, ksize);
   const int t = std::clamp(border[1], 0, ksize);
   const int r = std::clamp(border[2], 0, ksize);
