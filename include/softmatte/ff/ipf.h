@@ -117,6 +117,53 @@ SOFTMATTE_API void ipf_mean_filter(const unsigned char* src, int width,
 
 // ---- Distance fields ----
 
+// Chamfer distance-field record: geometry and one integer weight per
+// neighbour, neighbours in raster order of their offsets.
+struct dist_field {
+  int width;
+  int height;
+  int depth;            // 1 for a 2-D field
+  int neighbour_count;  // 8 in 2-D, 26 in 3-D
+  int flags;            // bit 0: the four-pass 2-D scheme
+  unsigned short* weights;
+};
+
+namespace dfp_c8 {
+// The 8 neighbour offsets (dx, dy) in raster order, then clockwise from the
+// one above the centre.
+SOFTMATTE_API extern const int PCD[16][2];
+// For each PCD entry, the raster index of its weight.
+SOFTMATTE_API extern const int PWI[16];
+}  // namespace dfp_c8
+
+// New 2-D field with weights scale (axial) and trunc(scale * 1.414)
+// (diagonal); released with ipf_release_distance_field.
+SOFTMATTE_API dist_field* ipf_create_distance_field_2d(int width, int height,
+                                                       unsigned short scale);
+// New 3-D field of 26 neighbours: face scale, edge trunc(scale * 1.414),
+// corner trunc(scale * 1.732).
+SOFTMATTE_API dist_field* ipf_create_distance_field_3d(int width, int height,
+                                                       int depth,
+                                                       unsigned short scale);
+// Frees the field and its weights; a null field is ignored.
+SOFTMATTE_API void ipf_release_distance_field(dist_field* field);
+// distance = chamfer length from each label-0 pixel to the nearest target
+// pixel through label-0 pixels (0 on targets, 10000000 on other labels and
+// where unreached); nearest (optional) = that target's (x, y). Strides of
+// distance and nearest count elements. Writes nothing on a null field, labels
+// or distance or a size other than the field's. Always returns -1.
+SOFTMATTE_API int ipf_distance_transform_2d(
+    dist_field* field, const unsigned char* labels, unsigned short width,
+    unsigned short height, int label_stride, unsigned char target,
+    unsigned int* distance, int distance_stride, unsigned short (*nearest)[2],
+    int nearest_stride);
+// As the 2-D transform over dense volumes (rows of width, slices of
+// width * height); nearest (optional) gets (x, y, z). Always returns -1.
+SOFTMATTE_API int ipf_distance_transform_3d(
+    dist_field* field, const unsigned char* labels, unsigned short width,
+    unsigned short height, unsigned short depth, unsigned char target,
+    unsigned int* distance, unsigned short (*nearest)[3]);
+
 }  // namespace ff
 
 #endif  // SOFTMATTE_FF_IPF_H_
