@@ -317,7 +317,11 @@ TEST(UsamMaskedC1, GuidedUnderTheMaskBilinearElsewhere) {
     const int stride = s.width + 3;
     std::vector<unsigned char> mask =
         RandomPlane(s.width, s.height, stride, 133);
-    for (auto& m : mask) m = rng() % 2 ? 0 : m;
+    for (int y = 0; y < s.height; ++y) {
+      for (int x = 0; x < s.width; ++x) {
+        if (rng() % 2) mask[static_cast<size_t>(y) * stride + x] = 0;
+      }
+    }
     const std::vector<unsigned char> want =
         MaskedReference(s, la, laStride, mask, stride, stride);
     std::vector<unsigned char> out(mask.size(), kSentinel);
