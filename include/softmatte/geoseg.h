@@ -3,6 +3,35 @@
 
 #include "softmatte/export.h"
 
-// Geodesic segmentation from scribbles (GeoSeg, GeoSegN24).
+// Geodesic distances from seed labels over a colour image: a step between
+// 4-connected pixels costs their squared colour difference (kept to 16 bits),
+// so distance grows fast across edges. The costs are taken once per image;
+// any number of label maps can then be queried, one query at a time.
+class SOFTMATTE_API GeoSeg {
+ public:
+  GeoSeg();
+  ~GeoSeg();
+  GeoSeg(const GeoSeg&) = delete;
+  GeoSeg& operator=(const GeoSeg&) = delete;
+
+  // Takes the step costs of image (pixels pixel_step bytes apart, first three
+  // bytes used); returns -1 and leaves the object empty on a null image.
+  int SetImage(const unsigned char* image, int width, int height,
+               int row_stride, int pixel_step);
+  // Writes the distance to the nearest label equal to seed into distance
+  // (stride in elements), 100000000 where none is reached; returns 0.
+  int GetDist(const unsigned char* labels, int label_stride,
+              unsigned int* distance, int distance_stride, unsigned char seed);
+  // Writes D1 / (D2 + D1), the chance of label 2 against label 1, into
+  // probability (stride in elements); returns 0.
+  int GetProb(const unsigned char* labels, int label_stride, float* probability,
+              int probability_stride);
+
+  unsigned int* edge_weights;     // per pixel: left, up, right, down cost
+  unsigned int* distance_buffer;  // GetProb's scratch, row_pixels a row
+  int width;
+  int height;
+  int row_pixels;  // pitch of both arrays; equals width
+};
 
 #endif  // SOFTMATTE_GEOSEG_H_
