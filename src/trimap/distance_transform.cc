@@ -15,6 +15,13 @@ int square(int v) {
   return static_cast<int>(u * u);
 }
 
+// Lines of only 0 and kFar samples, the trimap builder's input, have a
+// shortcut: up to this length every square and every midpoint is exact in
+// float, the envelope then holds exactly the zero samples (a kFar parabola
+// after one starts beyond 1e16), and its result is the squared gap to the
+// nearest zero sample, or kFar + r^2 == kFar when there is none.
+constexpr int kExactBinaryLength = 4096;
+
 // Lower envelope of the parabolas f[q] + (p - q)^2. z needs n + 1 entries and
 // v n entries; d receives the n results.
 void lower_envelope(const float* f, int n, float* d, float* z, int* v) {
@@ -25,11 +32,21 @@ void lower_envelope(const float* f, int n, float* d, float* z, int* v) {
   for (int q = 1; q < n; ++q) {
     const float fq = f[q] + static_cast<float>(square(q));
     const float twice_q = static_cast<float>(2 * q);
+    const bool zero_q = f[q] == 0.0f && q < kExactBinaryLength;
     float s;
     for (;;) {
       const int vk = v[k];
-      s = (fq - (f[vk] + static_cast<float>(square(vk)))) /
-          (twice_q - static_cast<float>(2 * vk));
+      const float num = fq - (f[vk] + static_cast<float>(square(vk)));
+      // The division is the slow part, and two cases are known exactly
+      // without it: equal sums (x - x is +0, the divisor is positive) and
+      // two zero-cost samples, whose parabolas meet halfway.
+      if (num == 0.0f) {
+        s = 0.0f;
+      } else if (zero_q && f[vk] == 0.0f) {
+        s = static_cast<float>(q + vk) * 0.5f;
+      } else {
+        s = num / (twice_q - static_cast<float>(2 * vk));
+      }
       // Less-or-equal on purpose: a parabola meeting the envelope exactly at
       // the previous breakpoint takes that breakpoint over. Written so that
       // a NaN stops the popping like the plain comparison does.
@@ -51,10 +68,40 @@ void lower_envelope(const float* f, int n, float* d, float* z, int* v) {
   }
 }
 
+bool is_binary(const float* f, int n) {
+  bool binary = true;
+  for (int q = 0; q < n; ++q) binary &= (f[q] == 0.0f) | (f[q] == kFar);
+  return binary;
+}
+
+void nearest_zero(const float* f, int n, float* d, int* gap) {
+  constexpr int kNone = 1 << 30;
+  int last = -kNone;
+  for (int q = 0; q < n; ++q) {
+    if (f[q] == 0.0f) last = q;
+    gap[q] = q - last;
+  }
+  int next = n - 1 + kNone;
+  for (int q = n - 1; q >= 0; --q) {
+    if (f[q] == 0.0f) next = q;
+    const int g = gap[q] < next - q ? gap[q] : next - q;
+    d[q] = g >= kNone ? kFar : static_cast<float>(g * g);
+  }
+}
+
 // Scratch for transforming lines of up to n samples.
 struct LineScratch {
   explicit LineScratch(int n)
       : d(new float[n]), z(new float[n + 1]), v(new int[n]) {}
+
+  void transform(const float* f, int n) {
+    if (n <= kExactBinaryLength && is_binary(f, n)) {
+      nearest_zero(f, n, d.get(), v.get());
+    } else {
+      lower_envelope(f, n, d.get(), z.get(), v.get());
+    }
+  }
+
   std::unique_ptr<float[]> d;
   std::unique_ptr<float[]> z;
   std::unique_ptr<int[]> v;
@@ -62,29 +109,76 @@ struct LineScratch {
 
 // Columns are gathered a block at a time: walking one column down a large
 // grid touches a new cache line (and often a new page) for every sample.
-constexpr int kColumnBlock = 16;
+constexpr int kColumnBlock = 64;
 
-void transform_columns(float* data, int width, int height, int x_begin,
-                       int x_end) {
-  if (x_begin >= x_end) return;
+void transform_column_blocks(float* data, int width, int height, int x_begin,
+                             int x_end) {
   const size_t h = static_cast<size_t>(height);
-  std::unique_ptr<float[]> in(new float[kColumnBlock * h]);
-  std::unique_ptr<float[]> out(new float[kColumnBlock * h]);
+  std::unique_ptr<float[]> block(new float[kColumnBlock * h]);
   LineScratch scratch(height);
   for (int x0 = x_begin; x0 < x_end; x0 += kColumnBlock) {
     const int nb = x_end - x0 < kColumnBlock ? x_end - x0 : kColumnBlock;
     for (size_t y = 0; y < h; ++y) {
       const float* row = data + y * width + x0;
-      for (int b = 0; b < nb; ++b) in[b * h + y] = row[b];
+      for (int b = 0; b < nb; ++b) block[b * h + y] = row[b];
     }
     for (int b = 0; b < nb; ++b) {
-      lower_envelope(&in[b * h], height, &out[b * h], scratch.z.get(),
-                     scratch.v.get());
+      float* line = &block[b * h];
+      scratch.transform(line, height);
+      std::memcpy(line, scratch.d.get(), sizeof(float) * h);
     }
     for (size_t y = 0; y < h; ++y) {
       float* row = data + y * width + x0;
-      for (int b = 0; b < nb; ++b) row[b] = out[b * h + y];
+      for (int b = 0; b < nb; ++b) row[b] = block[b * h + y];
     }
+  }
+}
+
+// The nearest-zero shortcut for a range of 0/kFar columns, swept down and up
+// the grid a whole row at a time so that memory is read in order.
+void sweep_binary_columns(float* data, int width, int height, int x_begin,
+                          int x_end) {
+  const int n = x_end - x_begin;
+  // Far enough to mean "no zero on this side", small enough to stay exact.
+  constexpr int kNone = 1 << 20;
+  std::unique_ptr<int[]> seen(new int[n]);
+  for (int i = 0; i < n; ++i) seen[i] = -kNone;
+  // Down: the gap to the zero above, 0 exactly on zeros.
+  for (int y = 0; y < height; ++y) {
+    float* row = data + static_cast<size_t>(y) * width + x_begin;
+    for (int i = 0; i < n; ++i) {
+      const int last = row[i] == 0.0f ? y : seen[i];
+      seen[i] = last;
+      row[i] = static_cast<float>(y - last);
+    }
+  }
+  for (int i = 0; i < n; ++i) seen[i] = height - 1 + kNone;
+  // Up: the smaller of both gaps, squared.
+  for (int y = height - 1; y >= 0; --y) {
+    float* row = data + static_cast<size_t>(y) * width + x_begin;
+    for (int i = 0; i < n; ++i) {
+      const float up = row[i];
+      const int next = up == 0.0f ? y : seen[i];
+      seen[i] = next;
+      const float down = static_cast<float>(next - y);
+      const float g = up < down ? up : down;
+      row[i] = g >= static_cast<float>(kNone) ? kFar : g * g;
+    }
+  }
+}
+
+void transform_columns(float* data, int width, int height, int x_begin,
+                       int x_end) {
+  if (x_begin >= x_end) return;
+  bool binary = height <= kExactBinaryLength;
+  for (int y = 0; y < height && binary; ++y) {
+    binary = is_binary(data + static_cast<size_t>(y) * width + x_begin,
+                       x_end - x_begin);
+  }
+  if (binary) {
+    sweep_binary_columns(data, width, height, x_begin, x_end);
+  } else {
+    transform_column_blocks(data, width, height, x_begin, x_end);
   }
 }
 
@@ -93,8 +187,7 @@ void transform_rows(float* data, int width, int y_begin, int y_end) {
   LineScratch scratch(width);
   for (int y = y_begin; y < y_end; ++y) {
     float* row = data + static_cast<size_t>(y) * width;
-    lower_envelope(row, width, scratch.d.get(), scratch.z.get(),
-                   scratch.v.get());
+    scratch.transform(row, width);
     std::memcpy(row, scratch.d.get(), sizeof(float) * width);
   }
 }
@@ -104,8 +197,9 @@ void transform_rows(float* data, int width, int y_begin, int y_end) {
 float* DistanceTransform1D(float* f, int n) {
   float* d = new float[n > 0 ? n : 0];
   if (n < 1) return d;
-  LineScratch scratch(n);
-  lower_envelope(f, n, d, scratch.z.get(), scratch.v.get());
+  std::unique_ptr<float[]> z(new float[n + 1]);
+  std::unique_ptr<int[]> v(new int[n]);
+  lower_envelope(f, n, d, z.get(), v.get());
   return d;
 }
 
