@@ -121,22 +121,36 @@ int GeoSeg::SetImage(const unsigned char* image, int image_width,
   row_pixels = image_width;
   if (pixels == 0) return 0;
 
+  // Each step is taken once, from its left or upper end, and copied to the
+  // other: both ends must see the same cost. Steps off the image get 1, never
+  // read by a pass.
   const std::ptrdiff_t pitch = 4 * static_cast<std::ptrdiff_t>(row_pixels);
   for (int y = 0; y < height; ++y) {
     const unsigned char* row =
         image + static_cast<std::ptrdiff_t>(y) * row_stride;
     unsigned int* e = edge_weights + y * pitch;
+    e[kLeft] = kOutsideCost;
+    e[4 * (width - 1) + kRight] = kOutsideCost;
+    for (int x = 0; x + 1 < width; ++x) {
+      const unsigned char* p =
+          row + static_cast<std::ptrdiff_t>(x) * pixel_step;
+      const unsigned int cost = step_cost(p, p + pixel_step);
+      e[4 * x + kRight] = cost;
+      e[4 * (x + 1) + kLeft] = cost;
+    }
+    if (y == 0) {
+      for (int x = 0; x < width; ++x) e[4 * x + kUp] = kOutsideCost;
+    }
+    if (y + 1 == height) {
+      for (int x = 0; x < width; ++x) e[4 * x + kDown] = kOutsideCost;
+      break;
+    }
     for (int x = 0; x < width; ++x) {
       const unsigned char* p =
           row + static_cast<std::ptrdiff_t>(x) * pixel_step;
-      unsigned int* cost = e + 4 * x;
-      cost[kRight] =
-          x + 1 < width ? step_cost(p, p + pixel_step) : kOutsideCost;
-      cost[kDown] =
-          y + 1 < height ? step_cost(p, p + row_stride) : kOutsideCost;
-      // Shared steps are taken once and copied: both ends see the same cost.
-      cost[kLeft] = x > 0 ? e[4 * (x - 1) + kRight] : kOutsideCost;
-      cost[kUp] = y > 0 ? e[4 * x - pitch + kDown] : kOutsideCost;
+      const unsigned int cost = step_cost(p, p + row_stride);
+      e[4 * x + kDown] = cost;
+      e[4 * x + pitch + kUp] = cost;
     }
   }
   return 0;
