@@ -1,0 +1,249 @@
+// The alpha solver on real photos at full resolution, with their trimaps:
+// assembly (mat_update), the whole solve (mat_run), and the parts of the
+// solve that are ours rather than SuperLU's.
+#include <benchmark/benchmark.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <vector>
+
+#include "softmatte/solver.h"
+#include "solver/sparse_expand.h"
+#include "test_util.h"
+
+namespace {
+
+using softmatte_test::LoadMattingSample;
+using softmatte_test::MattingSample;
+
+constexpr unsigned char kUnknown = 128;
+
+// A photo, its unknown mask, and the problem mat_update makes of them.
+struct Photo {
+  MattingSample sample;
+  std::vector<unsigned char> mask;
+  mat_data problem;
+};
+
+Photo* LoadPhoto(int index) {
+  static std::map<int, std::unique_ptr<Photo>> cache;
+  auto it = cache.find(index);
+  if (it != cache.end()) return it->second.get();
+  auto photo = std::make_unique<Photo>();
+  if (!LoadMattingSample(index, false, &photo->sample)) return nullptr;
+  const std::vector<unsigned char>& trimap = photo->sample.trimap.pixels;
+  photo->mask.resize(trimap.size());
+  for (size_t p = 0; p < trimap.size(); ++p) {
+    photo->mask[p] = trimap[p] == kUnknown ? 255 : 0;
+  }
+  const int w = photo->sample.image.width;
+  mat_update(photo->sample.image.pixels.data(), w, photo->sample.image.height,
+             3 * w, photo->mask.data(), w, photo->problem, photo->problem,
+             nullptr);
+  return cache.emplace(index, std::move(photo)).first->second.get();
+}
+
+void Assemble(Photo& photo, mat_data& out) {
+  const int w = photo.sample.image.width;
+  mat_update(photo.sample.image.pixels.data(), w, photo.sample.image.height,
+             3 * w, photo.mask.data(), w, out, out, nullptr);
+}
+
+// Three photos whose solves take about a second each: GT19, GT01, GT02
+// (29.5k, 44k and 68k unknowns).
+const std::vector<long> kPhotos = {19, 1, 2};
+
+void BM_mat_update(benchmark::State& state) {
+  Photo* photo = LoadPhoto(static_cast<int>(state.range(0)));
+  if (photo == nullptr) {
+    state.SkipWithError("alphamatting photos not found beside the project");
+    return;
+  }
+  for (auto _ : state) {
+    mat_data out;
+    Assemble(*photo, out);
+    benchmark::DoNotOptimize(out.values);
+  }
+  state.counters["unknowns"] = photo->problem.n;
+}
+BENCHMARK(BM_mat_update)
+    ->ArgName("photo")
+    ->ArgsProduct({kPhotos})
+    ->Unit(benchmark::kMillisecond);
+
+// Growth of the peak resident set over one solve, in KiB, measured in a
+// forked child: the kernel resets the child's high-water mark to its
+// current size (clear_refs 5), so only what the solve adds is counted, and
+// the parent's heap is left as it was.
+double SolvePeakKiB(Photo& photo, std::vector<unsigned char>& alpha) {
+  std::fflush(stdout);
+  int fds[2];
+  if (pipe(fds) != 0) return -1.0;
+  const pid_t pid = fork();
+  if (pid == 0) {
+    close(fds[0]);
+    auto statusKiB = [](const char* key) {
+      long kib = -1;
+      if (FILE* f = std::fopen("/proc/self/status", "r")) {
+        char line[256];
+        while (std::fgets(line, sizeof line, f)) {
+          if (std::strncmp(line, key, std::strlen(key)) == 0) {
+            kib = std::atol(line + std::strlen(key));
+          }
+        }
+        std::fclose(f);
+      }
+      return kib;
+    };
+    long base = -1;
+    if (FILE* f = std::fopen("/proc/self/clear_refs", "w")) {
+      std::fputs("5", f);
+      std::fclose(f);
+      base = statusKiB("VmRSS:");
+    }
+    mat_run(photo.problem, photo.sample.trimap.pixels.data(), alpha.data(),
+            nullptr);
+    const long peak = statusKiB("VmHWM:");
+    const long grown = base >= 0 && peak >= 0 ? peak - base : -1;
+    ssize_t written = write(fds[1], &grown, sizeof grown);
+    (void)written;
+    _exit(0);
+  }
+  close(fds[1]);
+  long grown = -1;
+  if (pid > 0) {
+    if (read(fds[0], &grown, sizeof grown) != sizeof grown) grown = -1;
+    waitpid(pid, nullptr, 0);
+  }
+  close(fds[0]);
+  return static_cast<double>(grown);
+}
+
+void BM_mat_run(benchmark::State& state) {
+  Photo* photo = LoadPhoto(static_cast<int>(state.range(0)));
+  if (photo == nullptr) {
+    state.SkipWithError("alphamatting photos not found beside the project");
+    return;
+  }
+  std::vector<unsigned char> alpha = photo->sample.trimap.pixels;
+  const double peak = SolvePeakKiB(*photo, alpha);
+  for (auto _ : state) {
+    // The record's diagonal is restored after each solve, so the same
+    // problem is solved every time.
+    const int result =
+        mat_run(photo->problem, photo->sample.trimap.pixels.data(),
+                alpha.data(), nullptr);
+    benchmark::DoNotOptimize(result);
+  }
+  state.counters["unknowns"] = photo->problem.n;
+  state.counters["peak_MiB"] = peak / 1024.0;
+  state.counters["SAD"] = softmatte_test::SadOverUnknown(alpha, photo->sample);
+}
+BENCHMARK(BM_mat_run)
+    ->ArgName("photo")
+    ->ArgsProduct({kPhotos})
+    ->Unit(benchmark::kMillisecond);
+
+// The driver's own work before SuperLU: the upper triangle expanded to full
+// compressed columns, on the matrix structure mat_run hands over.
+void BM_expand_triangle(benchmark::State& state) {
+  Photo* photo = LoadPhoto(static_cast<int>(state.range(0)));
+  if (photo == nullptr) {
+    state.SkipWithError("alphamatting photos not found beside the project");
+    return;
+  }
+  const mat_data& m = photo->problem;
+  for (auto _ : state) {
+    sparse_expand::CompressedColumns full;
+    sparse_expand::ExpandUpperTriangle(m.values, m.columns, m.rowStart, m.n,
+                                       &full);
+    benchmark::DoNotOptimize(full.values);
+    sparse_expand::Release(&full);
+  }
+  const double stored = m.rowStart[m.n] - 1;
+  state.counters["unknowns"] = m.n;
+  state.SetBytesProcessed(state.iterations() *
+                          static_cast<int64_t>(stored * 12));
+}
+BENCHMARK(BM_expand_triangle)
+    ->ArgName("photo")
+    ->ArgsProduct({kPhotos})
+    ->Unit(benchmark::kMillisecond);
+
+// Reference for the expansion: copying the bytes of the stored triangle
+// (values and columns) once.
+void BM_memcpy_triangle(benchmark::State& state) {
+  Photo* photo = LoadPhoto(static_cast<int>(state.range(0)));
+  if (photo == nullptr) {
+    state.SkipWithError("alphamatting photos not found beside the project");
+    return;
+  }
+  const mat_data& m = photo->problem;
+  const size_t stored = static_cast<size_t>(m.rowStart[m.n] - 1);
+  std::vector<double> values(stored);
+  std::vector<int> columns(stored);
+  for (auto _ : state) {
+    std::memcpy(values.data(), m.values, stored * sizeof(double));
+    std::memcpy(columns.data(), m.columns, stored * sizeof(int));
+    benchmark::DoNotOptimize(values.data());
+    benchmark::DoNotOptimize(columns.data());
+  }
+  state.SetBytesProcessed(state.iterations() *
+                          static_cast<int64_t>(stored * 12));
+}
+BENCHMARK(BM_memcpy_triangle)
+    ->ArgName("photo")
+    ->ArgsProduct({kPhotos})
+    ->Unit(benchmark::kMillisecond);
+
+// All 27 photos of the set, once: mean SAD over the trimaps' unknown pixels
+// and the mean time of mat_update + mat_run. Several minutes; not for smoke
+// runs.
+void BM_solver_AllPhotos(benchmark::State& state) {
+  if (softmatte_test::AlphamattingDir().empty()) {
+    state.SkipWithError("alphamatting photos not found beside the project");
+    return;
+  }
+  double sadSum = 0.0, seconds = 0.0, unknowns = 0.0;
+  int photos = 0;
+  for (auto _ : state) {
+    for (int index = 1; index <= 27; ++index) {
+      state.PauseTiming();
+      MattingSample sample;
+      const bool loaded = LoadMattingSample(index, false, &sample);
+      std::vector<unsigned char> mask(sample.trimap.pixels.size());
+      for (size_t p = 0; p < mask.size(); ++p) {
+        mask[p] = sample.trimap.pixels[p] == kUnknown ? 255 : 0;
+      }
+      std::vector<unsigned char> alpha = sample.trimap.pixels;
+      state.ResumeTiming();
+      if (!loaded) continue;
+      const auto start = std::chrono::steady_clock::now();
+      mat_data problem;
+      const int w = sample.image.width;
+      mat_update(sample.image.pixels.data(), w, sample.image.height, 3 * w,
+                 mask.data(), w, problem, problem, nullptr);
+      mat_run(problem, sample.trimap.pixels.data(), alpha.data(), nullptr);
+      seconds += std::chrono::duration<double>(
+                     std::chrono::steady_clock::now() - start)
+                     .count();
+      sadSum += softmatte_test::SadOverUnknown(alpha, sample);
+      unknowns += problem.n;
+      ++photos;
+    }
+  }
+  if (photos == 0) return;
+  state.counters["photos"] = photos;
+  state.counters["mean_SAD"] = sadSum / photos;
+  state.counters["mean_update_run_s"] = seconds / photos;
+  state.counters["mean_unknowns"] = unknowns / photos;
+}
+BENCHMARK(BM_solver_AllPhotos)->Iterations(1)->Unit(benchmark::kSecond);
+
+}  // namespace
