@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 
 #include "softmatte/ff/ipf.h"
@@ -27,6 +28,26 @@ Span MakeSpan(int length, int size, int before, int after) {
   s.last =
       std::clamp(s.half + length + std::min(after, s.half), s.first, padded);
   return s;
+}
+
+// Loops run in chunks of this many elements with a fixed trip count, which
+// compilers vectorise even at their cheapest vectoriser settings.
+constexpr int kChunk = 16;
+
+// out[j] = window sum from two table rows; reach is the window's width in
+// table entries.
+void WindowSums(const unsigned* __restrict top,
+                const unsigned* __restrict bottom, size_t reach,
+                unsigned* __restrict out, size_t n) {
+  const unsigned* __restrict topEnd = top + reach;
+  const unsigned* __restrict bottomEnd = bottom + reach;
+  size_t j = 0;
+  for (; j + kChunk <= n; j += kChunk) {
+    for (size_t i = j; i < j + kChunk; ++i) {
+      out[i] = (bottomEnd[i] - bottom[i]) - (topEnd[i] - top[i]);
+    }
+  }
+  for (; j < n; ++j) out[j] = (bottomEnd[j] - bottom[j]) - (topEnd[j] - top[j]);
 }
 
 // Window sums streamed row by row out of a summed-area table of the padded
@@ -62,13 +83,9 @@ class SumRows {
   void Row(int y, unsigned* out) {
     const int bottom = y + 2 * rows_.half + 1;
     while (built_ < bottom) Build();
-    const unsigned* t = TableRow(y);
-    const unsigned* b = TableRow(bottom);
-    const size_t reach = static_cast<size_t>(2 * cols_.half + 1) * channels_;
-    const size_t n = static_cast<size_t>(width_) * channels_;
-    for (size_t j = 0; j < n; ++j) {
-      out[j] = (b[j + reach] - b[j]) - (t[j + reach] - t[j]);
-    }
+    WindowSums(TableRow(y), TableRow(bottom),
+               static_cast<size_t>(2 * cols_.half + 1) * channels_, out,
+               static_cast<size_t>(width_) * channels_);
   }
 
  private:
@@ -96,12 +113,26 @@ class SumRows {
     std::fill(next, next + c, 0u);
     for (size_t j = c; j < first + c; ++j) next[j] = prev[j];
     if (c == 1) {
+      // The running sum is the one serial chain of the table: unrolled by
+      // hand so that loop overhead does not double its cost.
       unsigned acc = 0;
-      for (size_t j = first; j < last; ++j) {
-        acc += static_cast<unsigned>(row[j - first]);
+      const TS* in = row - first;
+      size_t j = first;
+      for (; j + 4 <= last; j += 4) {
+        const unsigned a0 = acc + static_cast<unsigned>(in[j]);
+        const unsigned a1 = a0 + static_cast<unsigned>(in[j + 1]);
+        const unsigned a2 = a1 + static_cast<unsigned>(in[j + 2]);
+        acc = a2 + static_cast<unsigned>(in[j + 3]);
+        next[j + 1] = prev[j + 1] + a0;
+        next[j + 2] = prev[j + 2] + a1;
+        next[j + 3] = prev[j + 3] + a2;
+        next[j + 4] = prev[j + 4] + acc;
+      }
+      for (; j < last; ++j) {
+        acc += static_cast<unsigned>(in[j]);
         next[j + 1] = prev[j + 1] + acc;
       }
-      for (size_t j = last; j < end; ++j) next[j + 1] = prev[j + 1] + acc;
+      for (j = last; j < end; ++j) next[j + 1] = prev[j + 1] + acc;
       return;
     }
     std::fill(acc_, acc_ + c, 0u);
@@ -130,22 +161,21 @@ class SumRows {
   int built_ = 0;
 };
 
-// Window sums of every channel; dstStep counts TD elements.
+// Window sums of every channel; dstStep counts TD elements. The table's
+// unsigned sums are written straight into the int rows: int and unsigned
+// may alias, and the conversion is the same modulo 2^32.
 template <typename TD, typename TS, typename TA>
 void _sum_filter_2D(const TS* src, int width, int height, int srcStep,
                     int channels, TD* dst, int dstStep, int kw, int kh,
                     const int* border) {
+  static_assert(sizeof(TD) == sizeof(unsigned) && sizeof(TA) == sizeof(TD),
+                "window sums are 32-bit");
   if (width < 1 || height < 1 || channels < 1) return;
   SumRows<TS> sums(src, width, height, srcStep, channels, kw, kh, border);
-  const size_t n = static_cast<size_t>(width) * channels;
-  unsigned* row = new unsigned[n];
   for (int y = 0; y < height; ++y) {
-    sums.Row(y, row);
-    TD* out = dst + static_cast<ptrdiff_t>(y) * dstStep;
-    for (size_t j = 0; j < n; ++j)
-      out[j] = static_cast<TD>(static_cast<TA>(row[j]));
+    sums.Row(y, reinterpret_cast<unsigned*>(dst + static_cast<ptrdiff_t>(y) *
+                                                      dstStep));
   }
-  delete[] row;
 }
 
 // Window positions on real data along one axis, for each position.
@@ -157,45 +187,108 @@ void AxisCounts(int length, const Span& s, int* counts) {
   }
 }
 
+// q = (sum + count / 2) / count in 32-bit integers, 0 for a count of 0.
+// The quotient comes from a floating-point division, which truncates to the
+// integer quotient exactly while count * (quotient + 1) stays below 2^24 in
+// float or 2^53 in double: float whenever the caller has made sure of that,
+// double otherwise (any 32-bit values). Unlike integer division, it
+// vectorises.
+template <typename F, typename TD>
+void DivideRow(const unsigned* __restrict sums, const int* __restrict counts,
+               TD* __restrict out, int n) {
+  const auto divide = [](const unsigned* __restrict s, const int* __restrict c,
+                         TD* __restrict o, int count) {
+    for (int i = 0; i < count; ++i) {
+      const int d = c[i];
+      // Summed in unsigned: an int source near the limits wraps rather than
+      // overflow.
+      const int num = static_cast<int>(s[i] + static_cast<unsigned>(d / 2));
+      // Every step runs unconditionally and a zero count is masked out
+      // rather than branched around, so that the loop has no branches.
+      const int q = static_cast<int>(static_cast<F>(num) /
+                                     static_cast<F>(std::max(d, 1)));
+      o[i] = static_cast<TD>(q & -static_cast<int>(d != 0));
+    }
+  };
+  int j = 0;
+  for (; j + kChunk <= n; j += kChunk) {
+    divide(sums + j, counts + j, out + j, kChunk);
+  }
+  divide(sums + j, counts + j, out + j, n - j);
+}
+
 // Rounded mean of each channel by its pixel's count; a count of 0 gives 0.
 // Rows go in four bands one after the other, as the matte tools expect of
-// every banded loop; the result does not depend on it.
+// every banded loop; the result does not depend on it. The window sums of a
+// row are divided as soon as they are made, so no sum plane is kept; without
+// a caller's count plane the counts are made a row at a time too, as they
+// are products of the two axis counts.
 template <typename TS, typename TD>
 void MeanFilter(const TS* src, int width, int height, int srcStep, int channels,
                 TD* dst, int dstStep, int* count, int countStep, int kw, int kh,
                 int* border) {
   if (src == nullptr || dst == nullptr) return;
   if (width < 1 || height < 1 || channels < 1) return;
-  int* ownCount = nullptr;
-  if (count == nullptr) {
-    ownCount = new int[static_cast<size_t>(width) * height];
-    count = ownCount;
-    countStep = width;
+  kw = std::max(kw, 1);
+  kh = std::max(kh, 1);
+  const int left = border ? border[0] : 0;
+  const int top = border ? border[1] : 0;
+  const int right = border ? border[2] : 0;
+  const int bottom = border ? border[3] : 0;
+  const bool fullWindows =
+      left >= kw / 2 && top >= kh / 2 && right >= kw / 2 && bottom >= kh / 2;
+  int* xs = new int[width];
+  int* ys = new int[height];
+  AxisCounts(width, MakeSpan(width, kw, left, right), xs);
+  AxisCounts(height, MakeSpan(height, kh, top, bottom), ys);
+  if (count != nullptr) {
+    ipf_count_filter_pixels(count, width, height, countStep, kw, kh, border);
   }
-  ipf_count_filter_pixels(count, width, height, countStep, kw, kh, border);
+  // Byte sums stay small enough for the float division unless the window
+  // passes some 65000 pixels; anything larger takes the double one.
+  const int64_t windowPixels =
+      std::max(static_cast<int64_t>(2 * (kw / 2) + 1) * (2 * (kh / 2) + 1),
+               static_cast<int64_t>(kw) * kh);
+  const bool floatExact =
+      sizeof(TS) == 1 && 258 * windowPixels < (int64_t{1} << 24);
+  const size_t n = static_cast<size_t>(width) * channels;
   SumRows<TS> sums(src, width, height, srcStep, channels, kw, kh, border);
-  unsigned* row = new unsigned[static_cast<size_t>(width) * channels];
+  unsigned* row = new unsigned[n];
+  // Divisors per value of the row; rows of equal vertical count share them.
+  int* divisors = new int[n];
+  int divisorsRowCount = -1;
   const int bands[5] = {0, height / 4, height / 2, 3 * (height / 4), height};
   for (int band = 0; band < 4; ++band) {
     for (int y = bands[band]; y < bands[band + 1]; ++y) {
       sums.Row(y, row);
-      const int* n = count + static_cast<ptrdiff_t>(y) * countStep;
-      TD* out = dst + static_cast<ptrdiff_t>(y) * dstStep;
-      for (int x = 0; x < width; ++x) {
-        const int d = n[x];
-        for (int c = 0; c < channels; ++c) {
-          const size_t j = static_cast<size_t>(x) * channels + c;
-          // Summed in unsigned: an int source near the limits wraps rather
-          // than overflow.
-          const int num =
-              static_cast<int>(row[j] + static_cast<unsigned>(d / 2));
-          out[j] = static_cast<TD>(d == 0 ? 0 : num / d);
+      if (count != nullptr) {
+        // The caller's plane is what the counts are; every channel of a
+        // pixel divides by that pixel's count.
+        const int* pixelCounts = count + static_cast<ptrdiff_t>(y) * countStep;
+        for (int x = 0; x < width; ++x) {
+          std::fill_n(divisors + static_cast<size_t>(x) * channels, channels,
+                      pixelCounts[x]);
         }
+        divisorsRowCount = -1;
+      } else if (divisorsRowCount != ys[y]) {
+        for (int x = 0; x < width; ++x) {
+          std::fill_n(divisors + static_cast<size_t>(x) * channels, channels,
+                      fullWindows ? kw * kh : xs[x] * ys[y]);
+        }
+        divisorsRowCount = ys[y];
+      }
+      TD* out = dst + static_cast<ptrdiff_t>(y) * dstStep;
+      if (floatExact) {
+        DivideRow<float>(row, divisors, out, static_cast<int>(n));
+      } else {
+        DivideRow<double>(row, divisors, out, static_cast<int>(n));
       }
     }
   }
   delete[] row;
-  delete[] ownCount;
+  delete[] divisors;
+  delete[] xs;
+  delete[] ys;
 }
 
 }  // namespace
