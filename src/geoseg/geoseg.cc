@@ -37,16 +37,11 @@ struct DistPlane {
   unsigned char seed;
 };
 
-// One raster pass: every pixel that has both neighbours of the pass takes
-// the cheaper of its own value and each neighbour's plus the step, seeds
-// becoming 0. The vertical neighbour's row is final for this pass before the
-// row starts, so the vertical minimum is taken over the row first (it
-// vectorises) and the horizontal chain second; min is order-free, so this
-// equals the pixel-by-pixel order.
+// One raster pass over the pixels that have both of its neighbours. The
+// horizontal neighbour was written a moment ago in the same pass, so its
+// value is carried in prev rather than read back from memory.
 void run_pass(const DistPlane& p, bool top_down, bool left_to_right) {
   if (p.width < 2 || p.height < 2) return;
-  const int x_begin = left_to_right ? 1 : 0;
-  const int x_end = x_begin + p.width - 1;
   const int vertical = top_down ? kUp : kDown;
   for (int i = 0; i < p.height - 1; ++i) {
     const int y = top_down ? i + 1 : p.height - 2 - i;
@@ -56,18 +51,23 @@ void run_pass(const DistPlane& p, bool top_down, bool left_to_right) {
     const unsigned char* label = p.labels + y * p.label_stride;
     const unsigned int* cost =
         p.costs + 4 * static_cast<std::ptrdiff_t>(y) * p.width;
-    for (int x = x_begin; x < x_end; ++x) {
-      const unsigned int via = from[x] + cost[4 * x + vertical];
-      row[x] = label[x] == p.seed ? 0u : std::min(row[x], via);
-    }
-    // Seeds are 0 already and min keeps them there.
     if (left_to_right) {
+      unsigned int prev = row[0];
       for (int x = 1; x < p.width; ++x) {
-        row[x] = std::min(row[x], row[x - 1] + cost[4 * x + kLeft]);
+        const unsigned int* c = cost + 4 * x;
+        const unsigned int best =
+            std::min({row[x], from[x] + c[vertical], prev + c[kLeft]});
+        prev = label[x] == p.seed ? 0u : best;
+        row[x] = prev;
       }
     } else {
+      unsigned int prev = row[p.width - 1];
       for (int x = p.width - 2; x >= 0; --x) {
-        row[x] = std::min(row[x], row[x + 1] + cost[4 * x + kRight]);
+        const unsigned int* c = cost + 4 * x;
+        const unsigned int best =
+            std::min({row[x], from[x] + c[vertical], prev + c[kRight]});
+        prev = label[x] == p.seed ? 0u : best;
+        row[x] = prev;
       }
     }
   }
