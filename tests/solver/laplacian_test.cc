@@ -387,15 +387,6 @@ TEST(MatUpdate, SinglePixelGivesNineZeroSumRows) {
   ExpectMatchesReference(s, m);
 }
 
-TEST(MatUpdate, NarrowImageHasOnlyZeros) {
-  Scene s = MakeScene(2, 7, 5, false);
-  BoxMask(s, 0, 2, 2, 4);
-  mat_data m;
-  Build(s, m, m);
-  ASSERT_GT(m.n, 0);
-  for (int e = 0; e < m.rowStart[m.n] - 1; ++e) EXPECT_EQ(m.values[e], 0.0);
-}
-
 TEST(MatUpdate, EmptyMaskLeavesRecordAlone) {
   Scene s = MakeScene(12, 10, 11, false);
   BoxMask(s, 3, 3, 6, 5);
@@ -569,20 +560,6 @@ TEST(MatInit, MatchesWindowFormulaWithThresholdedForwardEntries) {
       for (double sum : FullRowSums(m)) EXPECT_NEAR(sum, 0.0, 1e-9);
     }
   }
-}
-
-TEST(MatInit, ReleasesMaskDataOfAnEarlierProblem) {
-  Scene s = MakeScene(9, 8, 77, false);
-  BoxMask(s, 3, 3, 5, 5);
-  mat_data m;
-  Build(s, m, m);
-  ASSERT_NE(m.pixelOf, nullptr);
-  mat_init(s.image.data(), s.width, s.height, s.stride, m, nullptr);
-  EXPECT_EQ(m.n, 72);
-  EXPECT_EQ(m.pixelOf, nullptr);
-  EXPECT_EQ(m.flags, nullptr);
-  EXPECT_EQ(m.indexMap, nullptr);
-  EXPECT_EQ(m.indexOrigin, nullptr);
 }
 
 }  // namespace
