@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdlib>
 #include <functional>
 #include <queue>
 #include <random>
@@ -330,10 +331,12 @@ TEST(GeoSegGetDist, MatchesTheSingleSweepPixelByPixel) {
 }
 
 TEST(GeoSegGetDist, EqualsDijkstraWhenEveryShortestPathIsMonotone) {
-  // Each pass carries paths of one diagonal direction, and a seed off the
-  // image border is zero before every pass starts; with shortest paths that
-  // never turn back the sweep is therefore exact. Seeds on the border are
-  // left out: pass 1 does not visit row 0 or column 0.
+  // Each pass carries paths that move one way along each axis (the first
+  // right and down, and so on). A seed off the image border is visited by
+  // all four passes, and so is every pixel of a path leaving it in a pass's
+  // direction; when no shortest path turns back the sweep is therefore
+  // exact. Border seeds are left out: the first pass skips row 0 and column
+  // 0, so a seed there cannot start a right-and-down path.
   std::mt19937 rng(77);
   for (int width : {3, 4, 7, 12, 19}) {
     for (int height : {3, 5, 8, 13}) {
