@@ -163,12 +163,12 @@ void Dilate(const unsigned char* src, unsigned char* dst, int width, int height,
 // when it has as many entries and the same neighbours in the same order.
 // Full rows (13) and diagonal-only rows have no choice of neighbours left.
 bool SameRow(const mat_data& previous, int p, const int* prevCell,
-             int prevPitch, const int* newOffsets, int count) {
+             int prevPitch, const int* slots, int count) {
   const int start = previous.rowStart[p] - 1;
   if (previous.rowStart[p + 1] - 1 - start != count) return false;
   if (count == kSlots || count < 2) return true;
   for (int e = 1; e < count; ++e) {
-    const int slot = newOffsets[e];
+    const int slot = slots[e];
     const int q = prevCell[kSlotDy[slot] * prevPitch + kSlotDx[slot]];
     if (q + 1 != previous.columns[start + e]) return false;
   }
@@ -216,7 +216,8 @@ void mat_update(const unsigned char* image, int width, int height, int stride,
     std::memcpy(ring1 + static_cast<size_t>(y) * rw, m, rw);
   }
   for (size_t i = 0; i < area; ++i) labels[i] = ring1[i] ? kUnknown : kOutside;
-  // ring1 still holds the mask here: dilate from it into a copy of itself.
+  // labels still mark exactly the mask, so the first ring grows from them
+  // into ring1, which starts as the mask's copy.
   Dilate(labels, ring1, rw, rh, kFirstRing);
   std::memcpy(ring2, ring1, area);
   Dilate(ring1, ring2, rw, rh, kSecondRing);
