@@ -111,11 +111,21 @@ struct Case {
   int width, height, channels, kw, kh;
 };
 
-// Odd sizes, a window larger than the plane, even sizes, one-pixel planes.
+// Odd sizes, windows larger than the plane, even sizes, one-pixel planes.
 const Case kCases[] = {
-    {1, 1, 1, 3, 3},   {1, 7, 1, 3, 5},   {9, 1, 3, 5, 3},   {7, 5, 1, 3, 3},
-    {13, 11, 3, 5, 7}, {33, 4, 1, 9, 3},  {6, 17, 2, 1, 11}, {11, 9, 1, 41, 41},
-    {10, 8, 3, 4, 6},  {15, 12, 1, 2, 3}, {21, 19, 4, 7, 1},
+    {1, 1, 1, 3, 3},
+    {1, 7, 1, 3, 5},
+    {9, 1, 3, 5, 3},
+    {7, 5, 1, 3, 3},
+    {13, 11, 3, 5, 7},
+    {33, 4, 1, 9, 3},
+    {6, 17, 2, 1, 11},
+    {11, 9, 1, 41, 41},
+    {10, 8, 3, 4, 6},
+    {15, 12, 1, 2, 3},
+    {21, 19, 4, 7, 1},
+    // Byte windows this large take the double-precision division.
+    {5, 4, 1, 301, 301},
 };
 
 const int kBorders[][4] = {{0, 0, 0, 0}, {1, 0, 2, 3},     {5, 5, 5, 5},
@@ -197,10 +207,11 @@ TEST(MeanFilter, AllFormsMatchRoundedReference) {
   std::mt19937 rng(20240614);
   ForEachCaseAndBorder([&](const Case& k, const int* border) {
     const auto bytes = ByteCanvas(k.width, k.height, k.channels, kMargin, rng);
-    // Small non-negative ints, where the rounding is well defined.
+    // Ints small enough not to wrap; negative sums truncate towards zero.
     Canvas<int> ints = IntCanvas(k.width, k.height, k.channels, kMargin, rng);
-    for (int& v : ints.data)
-      v = static_cast<int>(static_cast<uint32_t>(v) % 70000u);
+    for (int& v : ints.data) {
+      v = static_cast<int>(static_cast<uint32_t>(v) % 140000u) - 70000;
+    }
     const size_t offset = static_cast<size_t>(kMargin) * k.channels;
     const unsigned char* byteRegion =
         bytes.data.data() + kMargin * static_cast<size_t>(bytes.step) + offset;
