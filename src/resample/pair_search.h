@@ -1,12 +1,11 @@
 #ifndef SOFTMATTE_RESAMPLE_PAIR_SEARCH_H_
 #define SOFTMATTE_RESAMPLE_PAIR_SEARCH_H_
 
-#include <climits>
 #include <cstddef>
 
 // The colour-guided pair choice shared by the table builders and the
-// table-free upsampler: which two reduced pixels, blended with which 12-bit
-// weight, come closest to a full-resolution colour.
+// table-free upsampler: for a full-resolution pixel, which two reduced pixels
+// around it, blended with which 12-bit weight, come closest to its colour.
 namespace usam_internal {
 
 constexpr int kOne = 4096;  // 1.0 in the 12-bit weights
@@ -21,7 +20,8 @@ inline int MapCentred(int x, double scale, int n) {
   return u;
 }
 
-// The 2x2 rule rounds columns but truncates rows; callers rely on both.
+// The 2x2 rule rounds columns but truncates rows; existing tables depend on
+// both.
 inline int MapColumn2x2(int x, double scale, int n) {
   const int u = static_cast<int>(x * scale + 0.5);
   return u < n - 2 ? u : n - 2;
@@ -31,76 +31,227 @@ inline int MapRow2x2(int y, double scale, int n) {
   return v < n - 2 ? v : n - 2;
 }
 
-struct Pick {
-  int first;  // candidate numbers, first < second
-  int second;
-  int weight;  // share of the first, 0 ... kOne
-};
-
-// Candidate colours as ints, four slots each whatever the channel count.
-template <int kCount>
-struct Candidates {
-  int p[kCount][4];
-};
-
-template <int kBytes, int kCount>
-inline void LoadCandidates(const unsigned char* low, int lowStride, int u,
-                           int v, Candidates<kCount>* cand) {
-  // Numbering: 3x3 row-major from (u-1, v-1); 2x2 clockwise from (u, v).
-  static constexpr int kDx3[9] = {-1, 0, 1, -1, 0, 1, -1, 0, 1};
-  static constexpr int kDy3[9] = {-1, -1, -1, 0, 0, 0, 1, 1, 1};
-  static constexpr int kDx2[4] = {0, 1, 1, 0};
-  static constexpr int kDy2[4] = {0, 0, 1, 1};
-  for (int k = 0; k < kCount; ++k) {
-    const int dx = kCount == 9 ? kDx3[k] : kDx2[k];
-    const int dy = kCount == 9 ? kDy3[k] : kDy2[k];
-    const unsigned char* p = low + static_cast<ptrdiff_t>(v + dy) * lowStride +
-                             static_cast<ptrdiff_t>(u + dx) * kBytes;
-    for (int ch = 0; ch < 4; ++ch) cand->p[k][ch] = ch < kBytes ? p[ch] : 0;
-  }
+// Reduced pixels over full-resolution ones; a single row or column maps to 0.
+inline double Scale(int lowSize, int size) {
+  return size > 1 ? static_cast<double>(lowSize - 1) / (size - 1) : 0.0;
 }
 
+// Candidates are numbered 3x3 row-major from (u-1, v-1), or 2x2 clockwise
+// from (u, v).
 template <int kCount>
-inline int CandidateOffset(int k, int lowWidth) {
-  if (kCount == 9) return (k / 3 - 1) * lowWidth + (k % 3 - 1);
-  static constexpr int kDx2[4] = {0, 1, 1, 0};
-  static constexpr int kDy2[4] = {0, 0, 1, 1};
-  return kDy2[k] * lowWidth + kDx2[k];
+inline int CandidateDx(int k) {
+  return kCount == 9 ? k % 3 - 1 : (k == 1 || k == 2);
+}
+template <int kCount>
+inline int CandidateDy(int k) {
+  return kCount == 9 ? k / 3 - 1 : (k >= 2);
 }
 
-// Chooses the pair whose blend is nearest to colour c. kErr channels count in
-// the error, the first three in the distances. The first pair in
-// lexicographic order with the least error wins; an exact blend ends the
-// search at once.
-template <int kCount, int kErr>
-inline Pick PickPair(const Candidates<kCount>& cand, const int* c) {
-  int d[kCount];
-  for (int k = 0; k < kCount; ++k) {
-    const int e0 = cand.p[k][0] - c[0];
-    const int e1 = cand.p[k][1] - c[1];
-    const int e2 = cand.p[k][2] - c[2];
-    // +1 keeps every sum of two distances positive.
-    d[k] = e0 * e0 + e1 * e1 + e2 * e2 + 1;
-  }
-  Pick pick{0, 1, 0};
-  int best = INT_MAX;
-  for (int i = 0; i < kCount - 1; ++i) {
-    for (int j = i + 1; j < kCount; ++j) {
-      const int w = kOne * d[j] / (d[i] + d[j]);
-      int e = 0;
-      for (int ch = 0; ch < kErr; ++ch) {
-        const int pj = cand.p[j][ch];
-        const int q = ((cand.p[i][ch] - pj) * w + pj * kOne) >> kShift;
-        e += (q - c[ch]) * (q - c[ch]);
-      }
-      if (e < best) {
-        best = e;
-        pick = Pick{i, j, w};
-        if (e == 0) return pick;
+// Unordered pairs i < j in lexicographic order, the order ties are settled
+// in.
+template <int kCount>
+struct PairList {
+  static constexpr int kPairs = kCount * (kCount - 1) / 2;
+  int first[kPairs];
+  int second[kPairs];
+  constexpr PairList() : first(), second() {
+    int t = 0;
+    for (int i = 0; i < kCount - 1; ++i) {
+      for (int j = i + 1; j < kCount; ++j, ++t) {
+        first[t] = i;
+        second[t] = j;
       }
     }
   }
-  return pick;
+};
+
+// Pixels searched side by side: each step of the search is the same
+// arithmetic on every lane, which plain loops turn into vector code.
+constexpr int kLanes = 8;
+
+// Every quantity of the search is an integer or a multiple of 2^-13 below
+// 2^24 in magnitude, so single precision holds it exactly and vector code
+// gives the integer results bit for bit. Only the weight's division rounds,
+// and that is checked where it matters.
+template <int kCount, int kErr>
+struct LaneSearch {
+  static constexpr PairList<kCount> kList{};
+  static constexpr int kPairs = PairList<kCount>::kPairs;
+
+  float p[kCount][4];  // candidate colours
+  float c[4][kLanes];  // the lanes' colours, channel by channel
+  // Out: pair number and weight per lane.
+  int pair[kLanes];
+  int weight[kLanes];
+
+  void Run() {
+    float largest = 0.0f;
+    for (int k = 0; k < kCount; ++k) {
+      for (int l = 0; l < kLanes; ++l) {
+        const float s0 = p[k][0] - c[0][l];
+        const float s1 = p[k][1] - c[1][l];
+        const float s2 = p[k][2] - c[2][l];
+        // +1 keeps every sum of two distances positive.
+        d[k][l] = s0 * s0 + s1 * s1 + s2 * s2 + 1.0f;
+        largest = d[k][l] > largest ? d[k][l] : largest;
+      }
+    }
+    // Below 8192 the quotient's distance to the next integer exceeds half
+    // its spacing, so rounding the division cannot carry it up.
+    if (largest < 4096.0f) {
+      Scan<false>();
+    } else {
+      Scan<true>();
+    }
+    for (int l = 0; l < kLanes; ++l) {
+      const int t = static_cast<int>(best[l]) & 63;
+      const int di = static_cast<int>(d[kList.first[t]][l]);
+      const int dj = static_cast<int>(d[kList.second[t]][l]);
+      pair[l] = t;
+      weight[l] = kOne * dj / (di + dj);
+    }
+  }
+
+ private:
+  // floor(x) for x >= 0 on the 2^-12 grid: shifted off the half-way points
+  // and added to 1.5 * 2^23, where the spacing of floats is exactly 1.
+  static constexpr float kFloorBias = 1.0f / 8192.0f - 0.5f;
+  static constexpr float kMagic = 12582912.0f;
+
+  template <bool kCorrect>
+  void Scan() {
+    float num[kCount][kLanes];
+    for (int k = 0; k < kCount; ++k) {
+      for (int l = 0; l < kLanes; ++l) num[k][l] = d[k][l] * 4096.0f;
+    }
+    float target[kErr][kLanes];
+    for (int ch = 0; ch < kErr; ++ch) {
+      for (int l = 0; l < kLanes; ++l) target[ch][l] = kMagic + c[ch][l];
+    }
+    // Each lane keeps error * 64 + pair number: the smallest key is the
+    // smallest error and, among equal errors, the earliest pair, which is
+    // what a strict-improvement scan in pair order keeps.
+    for (int l = 0; l < kLanes; ++l) best[l] = 3.0e38f;
+    for (int t = 0; t < kPairs; ++t) {
+      const int i = kList.first[t];
+      const int j = kList.second[t];
+      float a[4], b[4];
+      for (int ch = 0; ch < 4; ++ch) {
+        a[ch] = (p[i][ch] - p[j][ch]) * (1.0f / kOne);
+        b[ch] = p[j][ch] + kFloorBias;
+      }
+      const float tag = static_cast<float>(t);
+      for (int l = 0; l < kLanes; ++l) {
+        const float q = num[j][l] / (d[i][l] + d[j][l]);
+        float w;
+        if (kCorrect) {
+          // The rounded quotient may have reached the next integer.
+          int wi = static_cast<int>(q);
+          const int di = static_cast<int>(d[i][l]);
+          const int dj = static_cast<int>(d[j][l]);
+          wi -= wi * (di + dj) > (dj << kShift);
+          w = static_cast<float>(wi);
+        } else {
+          w = static_cast<float>(static_cast<int>(q));
+        }
+        const float e0 = ((a[0] * w + b[0]) + kMagic) - target[0][l];
+        const float e1 = ((a[1] * w + b[1]) + kMagic) - target[1][l];
+        const float e2 = ((a[2] * w + b[2]) + kMagic) - target[2][l];
+        float e = e0 * e0 + e1 * e1 + e2 * e2;
+        if (kErr == 4) {
+          const float e3 = ((a[3] * w + b[3]) + kMagic) - target[3][l];
+          e += e3 * e3;
+        }
+        const float key = e * 64.0f + tag;
+        best[l] = key < best[l] ? key : best[l];
+      }
+      // An exact blend on every lane ends the search: later pairs only tie.
+      int exact = 0;
+      for (int l = 0; l < kLanes; ++l) exact += best[l] < 64.0f;
+      if (exact == kLanes) break;
+    }
+  }
+
+  float d[kCount][kLanes];
+  float best[kLanes];
+};
+
+// Runs the search over every selected pixel of rows [y0, y1), one reduced
+// neighbourhood at a time: all pixels that map to the same (u, v) share their
+// candidates. select(x, y) picks pixels; store(x, y, a, b, w) receives the
+// dense reduced indices of the pair and the weight of a.
+template <int kBytes, int kCount, typename Select, typename Store>
+void SearchRows(const unsigned char* img, int width, int imgStride,
+                const unsigned char* low, int lowWidth, int lowHeight,
+                int lowStride, const int* columns, double sy, int y0, int y1,
+                Select select, Store store) {
+  constexpr int kErr = kBytes;
+  LaneSearch<kCount, kErr> search;
+  int laneX[kLanes];
+  int laneY[kLanes];
+  auto mapRow = [&](int y) {
+    return kCount == 9 ? MapCentred(y, sy, lowHeight)
+                       : MapRow2x2(y, sy, lowHeight);
+  };
+  for (int ya = y0; ya < y1;) {
+    const int v = mapRow(ya);
+    int yb = ya + 1;
+    while (yb < y1 && mapRow(yb) == v) ++yb;
+    for (int xa = 0; xa < width;) {
+      const int u = columns[xa];
+      int xb = xa + 1;
+      while (xb < width && columns[xb] == u) ++xb;
+      int lanes = 0;
+      auto flush = [&]() {
+        // Idle lanes repeat the first pixel; their results are dropped.
+        for (int l = lanes; l < kLanes; ++l) {
+          for (int ch = 0; ch < 4; ++ch) search.c[ch][l] = search.c[ch][0];
+        }
+        search.Run();
+        const int base = v * lowWidth + u;
+        for (int l = 0; l < lanes; ++l) {
+          const int i = LaneSearch<kCount, kErr>::kList.first[search.pair[l]];
+          const int j = LaneSearch<kCount, kErr>::kList.second[search.pair[l]];
+          store(
+              laneX[l], laneY[l],
+              base + CandidateDy<kCount>(i) * lowWidth + CandidateDx<kCount>(i),
+              base + CandidateDy<kCount>(j) * lowWidth + CandidateDx<kCount>(j),
+              search.weight[l]);
+        }
+        lanes = 0;
+      };
+      bool loaded = false;
+      for (int y = ya; y < yb; ++y) {
+        const unsigned char* row = img + static_cast<ptrdiff_t>(y) * imgStride;
+        for (int x = xa; x < xb; ++x) {
+          if (!select(x, y)) continue;
+          if (!loaded) {
+            for (int k = 0; k < kCount; ++k) {
+              const unsigned char* q =
+                  low +
+                  static_cast<ptrdiff_t>(v + CandidateDy<kCount>(k)) *
+                      lowStride +
+                  static_cast<ptrdiff_t>(u + CandidateDx<kCount>(k)) * kBytes;
+              for (int ch = 0; ch < 4; ++ch) {
+                search.p[k][ch] = ch < kBytes ? q[ch] : 0.0f;
+              }
+            }
+            loaded = true;
+          }
+          const unsigned char* px = row + static_cast<ptrdiff_t>(x) * kBytes;
+          for (int ch = 0; ch < 4; ++ch) {
+            search.c[ch][lanes] = ch < kBytes ? px[ch] : 0.0f;
+          }
+          laneX[lanes] = x;
+          laneY[lanes] = y;
+          if (++lanes == kLanes) flush();
+        }
+      }
+      if (lanes > 0) flush();
+      xa = xb;
+    }
+    ya = yb;
+  }
 }
 
 }  // namespace usam_internal

@@ -176,41 +176,22 @@ void usam_execute(const unsigned char* img, int width, int height,
   }
   // Smaller reduced planes have no full 3x3 neighbourhood to read.
   if (low_width < 3 || low_height < 3) return;
-  const double sx =
-      width > 1 ? static_cast<double>(low_width - 1) / (width - 1) : 0.0;
-  const double sy =
-      height > 1 ? static_cast<double>(low_height - 1) / (height - 1) : 0.0;
+  const double sx = usam_internal::Scale(low_width, width);
+  const double sy = usam_internal::Scale(low_height, height);
   int* columns = new int[width];
   for (int x = 0; x < width; ++x) {
     columns[x] = usam_internal::MapCentred(x, sx, low_width);
   }
-  for (int y = 0; y < height; ++y) {
-    const int v = usam_internal::MapCentred(y, sy, low_height);
-    const unsigned char* imgRow = img + static_cast<ptrdiff_t>(y) * img_stride;
-    const unsigned char* maskRow =
-        mask ? mask + static_cast<ptrdiff_t>(y) * mask_stride : nullptr;
-    unsigned char* outRow = out + static_cast<ptrdiff_t>(y) * out_stride;
-    usam_internal::Candidates<9> cand;
-    int loaded = -1;
-    for (int x = 0; x < width; ++x) {
-      if (maskRow && maskRow[x] != value) continue;
-      const int u = columns[x];
-      if (u != loaded) {
-        usam_internal::LoadCandidates<3>(low_img, low_img_stride, u, v, &cand);
-        loaded = u;
-      }
-      const unsigned char* px = imgRow + static_cast<ptrdiff_t>(x) * 3;
-      const int c[4] = {px[0], px[1], px[2], 0};
-      const usam_internal::Pick pick = usam_internal::PickPair<9, 3>(cand, c);
-      const int base = v * low_width + u;
-      const int a =
-          base + usam_internal::CandidateOffset<9>(pick.first, low_width);
-      const int b =
-          base + usam_internal::CandidateOffset<9>(pick.second, low_width);
-      outRow[x] = static_cast<unsigned char>(
-          Blend(low_alpha[a], low_alpha[b], pick.weight));
-    }
-  }
+  auto pick = [&](int x, int y) {
+    return !mask || mask[static_cast<ptrdiff_t>(y) * mask_stride + x] == value;
+  };
+  auto store = [&](int x, int y, int a, int b, int w) {
+    out[static_cast<ptrdiff_t>(y) * out_stride + x] =
+        static_cast<unsigned char>(Blend(low_alpha[a], low_alpha[b], w));
+  };
+  usam_internal::SearchRows<3, 9>(img, width, img_stride, low_img, low_width,
+                                  low_height, low_img_stride, columns, sy, 0,
+                                  height, pick, store);
   delete[] columns;
 }
 

@@ -5,9 +5,6 @@
 
 namespace {
 
-using usam_internal::Candidates;
-using usam_internal::Pick;
-
 // Which pixels a fill touches.
 struct EveryPixel {
   bool operator()(const unsigned char*, const int*, int) const { return true; }
@@ -27,12 +24,6 @@ struct HolesWithMaskValue {
   }
 };
 
-// Reduced pixels over full-resolution ones, in double precision as the
-// coordinates of existing tables were; a single row or column maps to 0.
-double Scale(int lowSize, int size) {
-  return size > 1 ? static_cast<double>(lowSize - 1) / (size - 1) : 0.0;
-}
-
 struct Geometry {
   const unsigned char* img;
   int width;
@@ -51,42 +42,6 @@ struct Geometry {
 };
 
 template <int kBytes, int kCount, typename Select>
-void FillRows(const Geometry& g, const int* columns, double sy, int y0, int y1,
-              Select select) {
-  constexpr int kErr = kBytes;
-  for (int y = y0; y < y1; ++y) {
-    const int v = kCount == 9 ? usam_internal::MapCentred(y, sy, g.lowHeight)
-                              : usam_internal::MapRow2x2(y, sy, g.lowHeight);
-    const unsigned char* imgRow =
-        g.img + static_cast<ptrdiff_t>(y) * g.imgStride;
-    const unsigned char* maskRow =
-        g.mask ? g.mask + static_cast<ptrdiff_t>(y) * g.maskStride : nullptr;
-    int* idxRow = g.idx + static_cast<ptrdiff_t>(y) * g.idxStride;
-    short* wtsRow = g.wts + static_cast<ptrdiff_t>(y) * g.wtsStride;
-    Candidates<kCount> cand;
-    int loaded = -1;
-    for (int x = 0; x < g.width; ++x) {
-      if (!select(maskRow, idxRow, x)) continue;
-      const int u = columns[x];
-      if (u != loaded) {
-        usam_internal::LoadCandidates<kBytes>(g.low, g.lowStride, u, v, &cand);
-        loaded = u;
-      }
-      const unsigned char* px = imgRow + static_cast<ptrdiff_t>(x) * kBytes;
-      int c[4];
-      for (int ch = 0; ch < 4; ++ch) c[ch] = ch < kBytes ? px[ch] : 0;
-      const Pick pick = usam_internal::PickPair<kCount, kErr>(cand, c);
-      const int base = v * g.lowWidth + u;
-      idxRow[2 * x] =
-          base + usam_internal::CandidateOffset<kCount>(pick.first, g.lowWidth);
-      idxRow[2 * x + 1] = base + usam_internal::CandidateOffset<kCount>(
-                                     pick.second, g.lowWidth);
-      wtsRow[x] = static_cast<short>(pick.weight);
-    }
-  }
-}
-
-template <int kBytes, int kCount, typename Select>
 void Fill(const Geometry& g, Select select) {
   if (!g.img || !g.low || !g.idx || !g.wts || g.width < 1 || g.height < 1) {
     return;
@@ -94,19 +49,31 @@ void Fill(const Geometry& g, Select select) {
   // Smaller reduced planes have no full neighbourhood to read.
   const int minLow = kCount == 9 ? 3 : 2;
   if (g.lowWidth < minLow || g.lowHeight < minLow) return;
-  const double sx = Scale(g.lowWidth, g.width);
-  const double sy = Scale(g.lowHeight, g.height);
+  const double sx = usam_internal::Scale(g.lowWidth, g.width);
+  const double sy = usam_internal::Scale(g.lowHeight, g.height);
   int* columns = new int[g.width];
   for (int x = 0; x < g.width; ++x) {
     columns[x] = kCount == 9 ? usam_internal::MapCentred(x, sx, g.lowWidth)
                              : usam_internal::MapColumn2x2(x, sx, g.lowWidth);
   }
+  auto pick = [&](int x, int y) {
+    const unsigned char* maskRow =
+        g.mask ? g.mask + static_cast<ptrdiff_t>(y) * g.maskStride : nullptr;
+    return select(maskRow, g.idx + static_cast<ptrdiff_t>(y) * g.idxStride, x);
+  };
+  auto store = [&](int x, int y, int a, int b, int w) {
+    int* entry = g.idx + static_cast<ptrdiff_t>(y) * g.idxStride + 2 * x;
+    entry[0] = a;
+    entry[1] = b;
+    g.wts[static_cast<ptrdiff_t>(y) * g.wtsStride + x] = static_cast<short>(w);
+  };
   // Four independent bands of rows, one after the other.
   const int h = g.height;
   const int bounds[5] = {0, h / 4, h / 2, 3 * (h / 4), h};
   for (int band = 0; band < 4; ++band) {
-    FillRows<kBytes, kCount>(g, columns, sy, bounds[band], bounds[band + 1],
-                             select);
+    usam_internal::SearchRows<kBytes, kCount>(
+        g.img, g.width, g.imgStride, g.low, g.lowWidth, g.lowHeight,
+        g.lowStride, columns, sy, bounds[band], bounds[band + 1], pick, store);
   }
   delete[] columns;
 }
