@@ -36,20 +36,12 @@ constexpr int ChannelsOf(ccn<N>) {
   return N;
 }
 
-// One output value from its four neighbours; single precision throughout and
-// no rounding: truncation is part of the result.
-inline float Blend(float a, float b, float d, float e, float fx, float fy) {
-  const float top = fx * (b - a) + a;
-  const float bottom = fx * (e - d) + d;
-  return top + fy * (bottom - top);
-}
-
-// kBlendLanes consecutive channels at once, each lane exactly as Blend.
-template <typename TS, typename TD>
-void BlendWide(const TS* p0, const TS* p1, int xStep, float fx, float fy,
-               TD* out) {
+// Horizontal blends of kBlendLanes consecutive channels of one pixel, for
+// its upper and lower source rows at once.
+template <typename TS>
+void LerpWide(const TS* __restrict p0, const TS* __restrict p1, int xStep,
+              float fx, float* __restrict top, float* __restrict bottom) {
   float a[kBlendLanes], b[kBlendLanes], d[kBlendLanes], e[kBlendLanes];
-  float top[kBlendLanes], bottom[kBlendLanes], res[kBlendLanes];
   for (int i = 0; i < kBlendLanes; ++i) {
     a[i] = static_cast<float>(p0[i]);
     b[i] = static_cast<float>(p0[xStep + i]);
@@ -57,15 +49,54 @@ void BlendWide(const TS* p0, const TS* p1, int xStep, float fx, float fy,
     e[i] = static_cast<float>(p1[xStep + i]);
   }
   for (int i = 0; i < kBlendLanes; ++i) top[i] = fx * (b[i] - a[i]) + a[i];
-  for (int i = 0; i < kBlendLanes; ++i) {
-    bottom[i] = fx * (e[i] - d[i]) + d[i];
+  for (int i = 0; i < kBlendLanes; ++i) bottom[i] = fx * (e[i] - d[i]) + d[i];
+}
+
+// The horizontal blends of one pair of source rows for every destination
+// value (x * channels + c). They do not depend on the vertical fraction, so
+// destination rows that share their source rows share them.
+template <typename TS>
+void LerpRows(const TS* r0, const TS* r1, const int* colTab,
+              const float* colFrac, int xStep, int width, int channels,
+              float* top, float* bottom) {
+  const int wide = channels / kBlendLanes * kBlendLanes;
+  for (int x = 0; x < width; ++x) {
+    const TS* p0 = r0 + colTab[x];
+    const TS* p1 = r1 + colTab[x];
+    const float fx = colFrac[x];
+    float* t = top + static_cast<size_t>(x) * channels;
+    float* u = bottom + static_cast<size_t>(x) * channels;
+    int c = 0;
+    for (; c < wide; c += kBlendLanes) {
+      LerpWide(p0 + c, p1 + c, xStep, fx, t + c, u + c);
+    }
+    for (; c < channels; ++c) {
+      const float a = static_cast<float>(p0[c]);
+      const float b = static_cast<float>(p0[xStep + c]);
+      const float d = static_cast<float>(p1[c]);
+      const float e = static_cast<float>(p1[xStep + c]);
+      t[c] = fx * (b - a) + a;
+      u[c] = fx * (e - d) + d;
+    }
   }
-  for (int i = 0; i < kBlendLanes; ++i) {
-    res[i] = top[i] + fy * (bottom[i] - top[i]);
+}
+
+// out = top + fy * (bottom - top), truncated: no 0.5 is added. Runs of
+// kBlendLanes values, a fixed trip count that compilers vectorise.
+template <typename TD>
+void LerpVertical(const float* __restrict top, const float* __restrict bottom,
+                  float fy, TD* __restrict out, int n) {
+  const auto lerp = [fy](const float* __restrict t, const float* __restrict b,
+                         TD* __restrict o, int count) {
+    for (int i = 0; i < count; ++i) {
+      o[i] = static_cast<TD>(static_cast<int>(t[i] + fy * (b[i] - t[i])));
+    }
+  };
+  int i = 0;
+  for (; i + kBlendLanes <= n; i += kBlendLanes) {
+    lerp(top + i, bottom + i, out + i, kBlendLanes);
   }
-  for (int i = 0; i < kBlendLanes; ++i) {
-    out[i] = static_cast<TD>(static_cast<int>(res[i]));
-  }
+  lerp(top + i, bottom + i, out + i, n - i);
 }
 
 }  // namespace
@@ -142,7 +173,7 @@ template <typename TS, typename TD>
 void ipf_resize_bl(const TS* src, int srcWidth, int srcHeight, int srcStep,
                    int srcPixStep, TD* dst, int dstWidth, int dstHeight,
                    int dstStep, int dstPixStep, int channels) {
-  if (dstWidth < 1 || dstHeight < 1) return;
+  if (dstWidth < 1 || dstHeight < 1 || channels < 1) return;
   int* colTab = new int[dstWidth];
   float* colFrac = new float[dstWidth];
   int* rowTab = new int[dstHeight];
@@ -156,30 +187,33 @@ void ipf_resize_bl(const TS* src, int srcWidth, int srcHeight, int srcStep,
   const int yStep = srcHeight > 1 ? srcStep : 0;
   if (srcWidth <= 1) std::memset(colTab, 0, dstWidth * sizeof(int));
   if (srcHeight <= 1) std::memset(rowTab, 0, dstHeight * sizeof(int));
-  const int wide = channels / kBlendLanes * kBlendLanes;
+  const size_t n = static_cast<size_t>(dstWidth) * channels;
+  float* top = new float[n];
+  float* bottom = new float[n];
+  // Packed destination pixels take the vertical blend as one run of values.
+  TD* packed = dstPixStep == channels ? nullptr : new TD[n];
+  int blendedRow = -1;
   for (int y = 0; y < dstHeight; ++y) {
-    const TS* r0 = src + static_cast<ptrdiff_t>(rowTab[y]) * srcStep;
-    const TS* r1 = r0 + yStep;
-    const float fy = rowFrac[y];
+    if (rowTab[y] != blendedRow) {
+      const TS* r0 = src + static_cast<ptrdiff_t>(rowTab[y]) * srcStep;
+      LerpRows(r0, r0 + yStep, colTab, colFrac, xStep, dstWidth, channels, top,
+               bottom);
+      blendedRow = rowTab[y];
+    }
     TD* out = dst + static_cast<ptrdiff_t>(y) * dstStep;
-    for (int x = 0; x < dstWidth; ++x) {
-      const TS* p0 = r0 + colTab[x];
-      const TS* p1 = r1 + colTab[x];
-      const float fx = colFrac[x];
-      TD* o = out + static_cast<ptrdiff_t>(x) * dstPixStep;
-      int c = 0;
-      for (; c < wide; c += kBlendLanes) {
-        BlendWide(p0 + c, p1 + c, xStep, fx, fy, o + c);
-      }
-      for (; c < channels; ++c) {
-        const float v =
-            Blend(static_cast<float>(p0[c]), static_cast<float>(p0[xStep + c]),
-                  static_cast<float>(p1[c]), static_cast<float>(p1[xStep + c]),
-                  fx, fy);
-        o[c] = static_cast<TD>(static_cast<int>(v));
+    LerpVertical(top, bottom, rowFrac[y], packed ? packed : out,
+                 static_cast<int>(n));
+    if (packed != nullptr) {
+      for (int x = 0; x < dstWidth; ++x) {
+        std::memcpy(out + static_cast<ptrdiff_t>(x) * dstPixStep,
+                    packed + static_cast<size_t>(x) * channels,
+                    channels * sizeof(TD));
       }
     }
   }
+  delete[] packed;
+  delete[] top;
+  delete[] bottom;
   delete[] colTab;
   delete[] colFrac;
   delete[] rowTab;
