@@ -48,9 +48,10 @@ inline size_t LineScratchSize(int length, int ksize) {
 }
 
 // Elements of scratch _mm_filter_2D_y needs: the intermediate plane, with
-// 2 * ksize spare rows and two spare columns, then the line buffers.
+// two spare columns, then the line buffers. The last block of a line never
+// writes past the line's end, so the plane needs no spare rows.
 inline size_t PlaneScratchSize(int width, int height, int ksize) {
-  return static_cast<size_t>(height + 2 * ksize) * (width + 2) +
+  return static_cast<size_t>(height) * (width + 2) +
          LineScratchSize(std::max(width, height), ksize);
 }
 
@@ -180,8 +181,9 @@ void MoveLines(P* plane, int width, int n, int step, int pixStep, T* lanes) {
 // Running extremum of min_max::kLanes interleaved lines of length positions
 // (ksize odd). line points at position 0 and is readable with pad values from
 // ksize / 2 positions before it up to the length rounded up to a multiple of
-// ksize plus ksize after it. Output position i goes to dst + i * dstPixStep
-// (min_max::kLanes contiguous values); scratch holds 2 * ksize - 1 positions.
+// ksize plus ksize after it. Output position i < length goes to
+// dst + i * dstPixStep (min_max::kLanes contiguous values), and nothing past
+// length is written; scratch holds 2 * ksize - 1 positions.
 template <typename T, typename Cmp>
 void _mm_filter_1D(const T* line, int length, T* dst, int dstPixStep, int ksize,
                    T* scratch, Cmp cmp) {
@@ -245,7 +247,7 @@ void _mm_filter_2D_y(const T* src, int width, int height, int srcStep,
                      int ksize, T* scratch, T pad, Cmp cmp) {
   const int planeStep = width + 2;
   T* plane = scratch;
-  T* lines = plane + static_cast<size_t>(height + 2 * ksize) * planeStep;
+  T* lines = plane + static_cast<size_t>(height) * planeStep;
   _mm_filter_2D_x(src, width, height, srcStep, srcPixStep, plane + 2, planeStep,
                   1, ksize, lines, pad, cmp);
   // Each column is shifted two bytes left: the column group is gathered into
