@@ -1,0 +1,781 @@
+#include "colour/fb_color.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <memory>
+
+#include "softmatte/colour.h"
+#include "softmatte/ff/fvt_image.h"
+#include "softmatte/ff/ipf.h"
+
+#ifdef SOFTMATTE_FB_COLOR_STAGE_TIMES
+#include <time.h>
+
+#include <cstdio>
+#endif
+
+namespace {
+
+constexpr unsigned char kUnknown = 0;
+constexpr unsigned char kBackground = 1;
+constexpr unsigned char kForeground = 2;
+constexpr int kEnoughSamples = 100;
+constexpr int kWindowNeighbours = 24;  // 5 x 5 without its centre
+// Levels are halved only while both sides stay at least this long.
+constexpr int kMinHalvedSide = 17;
+constexpr unsigned short kDistanceScale = 100;
+
+template <typename T>
+using Buffer = std::unique_ptr<T[]>;
+
+#ifdef SOFTMATTE_FB_COLOR_STAGE_TIMES
+// Benchmark builds only: per-call split of the thread's CPU time between the
+// stages, printed when the call returns.
+class StageClock {
+ public:
+  void Lap(int stage) {
+    const double now = Now();
+    total_[stage] += now - last_;
+    last_ = now;
+  }
+  ~StageClock() {
+    std::fprintf(stderr,
+                 "fb_color cpu ms: levels %.1f coarse %.1f transfer %.1f "
+                 "window %.1f distance %.1f final %.1f\n",
+                 total_[0], total_[1], total_[2], total_[3], total_[4],
+                 total_[5]);
+  }
+
+ private:
+  static double Now() {
+    timespec t;
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+    return t.tv_sec * 1e3 + t.tv_nsec * 1e-6;
+  }
+  double last_ = Now();
+  double total_[6] = {};
+};
+#define STAGE_LAP(clock, stage) (clock).Lap(stage)
+#else
+struct StageClock {};
+#define STAGE_LAP(clock, stage) static_cast<void>(clock)
+#endif
+enum Stage { kLevels, kCoarse, kTransfer, kWindow, kDistance, kFinal };
+
+inline const unsigned char* At(const unsigned char* plane, int stride, int x,
+                               int y, int channels) {
+  return plane + static_cast<ptrdiff_t>(y) * stride +
+         static_cast<ptrdiff_t>(x) * channels;
+}
+inline unsigned char* At(unsigned char* plane, int stride, int x, int y,
+                         int channels) {
+  return plane + static_cast<ptrdiff_t>(y) * stride +
+         static_cast<ptrdiff_t>(x) * channels;
+}
+
+// Integer mean per channel, truncated.
+void MeanColour(const unsigned char* const* samples, int count,
+                unsigned char* out) {
+  int64_t sum[3] = {0, 0, 0};
+  for (int i = 0; i < count; ++i) {
+    for (int c = 0; c < 3; ++c) sum[c] += samples[i][c];
+  }
+  for (int c = 0; c < 3; ++c) {
+    out[c] = static_cast<unsigned char>(sum[c] / count);
+  }
+}
+
+// How far the composite of f over b at alpha a lands from the observed i.
+inline int CompositeError(const unsigned char* f, int a, const unsigned char* b,
+                          const unsigned char* i) {
+  int error = 0;
+  for (int c = 0; c < 3; ++c) {
+    const int d = (f[c] * a + (255 - a) * b[c]) / 255 - i[c];
+    error += d * d;
+  }
+  return error;
+}
+
+// The first sample of least composite error: ties keep the earlier one.
+const unsigned char* BestForeground(const unsigned char* const* samples,
+                                    int count, int a, const unsigned char* b,
+                                    const unsigned char* i) {
+  const unsigned char* best = nullptr;
+  int bestError = std::numeric_limits<int>::max();
+  for (int k = 0; k < count; ++k) {
+    const int error = CompositeError(samples[k], a, b, i);
+    if (error < bestError) {
+      bestError = error;
+      best = samples[k];
+    }
+  }
+  return best;
+}
+
+// Known samples around one pixel of a level. When either class has fewer
+// than kEnoughSamples pixels on the level the search never stops early and
+// every ring search returns the whole level in ring order; that case is
+// answered from full lists prepared once instead of scanning the level for
+// each pixel.
+class RingSampler {
+ public:
+  RingSampler(const unsigned char* label, int labelStride,
+              const unsigned char* colour, int colourStride, int width,
+              int height)
+      : label_(label),
+        labelStride_(labelStride),
+        colour_(colour),
+        colourStride_(colourStride),
+        width_(width),
+        height_(height) {
+    int64_t counts[3] = {0, 0, 0};
+    for (int y = 0; y < height; ++y) {
+      const unsigned char* row =
+          label + static_cast<ptrdiff_t>(y) * labelStride;
+      for (int x = 0; x < width; ++x) {
+        if (row[x] == kBackground || row[x] == kForeground) ++counts[row[x]];
+      }
+    }
+    exhaustive_ = counts[kBackground] < kEnoughSamples ||
+                  counts[kForeground] < kEnoughSamples;
+    const size_t capacity = exhaustive_
+                                ? static_cast<size_t>(counts[kForeground])
+                                : static_cast<size_t>(width) * height;
+    fg_.reset(new const unsigned char*[capacity > 0 ? capacity : 1]);
+    if (!exhaustive_) {
+      bg_.reset(new const unsigned char*[capacity > 0 ? capacity : 1]);
+      return;
+    }
+    // Full lists: the background mean does not depend on order; the
+    // foreground keeps coordinates to restore ring order on ties.
+    fgX_.reset(new int[capacity > 0 ? capacity : 1]);
+    fgY_.reset(new int[capacity > 0 ? capacity : 1]);
+    int64_t sum[3] = {0, 0, 0};
+    for (int y = 0; y < height; ++y) {
+      const unsigned char* row =
+          label + static_cast<ptrdiff_t>(y) * labelStride;
+      for (int x = 0; x < width; ++x) {
+        const unsigned char* p = At(colour, colourStride, x, y, 3);
+        if (row[x] == kBackground) {
+          for (int c = 0; c < 3; ++c) sum[c] += p[c];
+        } else if (row[x] == kForeground) {
+          fg_[fgCount_] = p;
+          fgX_[fgCount_] = x;
+          fgY_[fgCount_] = y;
+          ++fgCount_;
+        }
+      }
+    }
+    bgCount_ = static_cast<int>(counts[kBackground]);
+    for (int c = 0; c < 3; ++c) {
+      bgMean_[c] =
+          bgCount_ > 0 ? static_cast<unsigned char>(sum[c] / bgCount_) : 0;
+    }
+  }
+
+  // Searches around (x, y); afterwards the *Count() and accessors describe
+  // what the ring search found.
+  void collect_ring_samples(int x, int y) {
+    cx_ = x;
+    cy_ = y;
+    if (exhaustive_) return;
+    bgCount_ = 0;
+    fgCount_ = 0;
+    for (int r = 1;; ++r) {
+      bool inside = false;
+      if (y - r >= 0) {
+        inside |= VisitRow(y - r, std::max(x - r, 0),
+                           std::min(x + r - 1, width_ - 1));
+      }
+      if (x + r < width_) {
+        inside |= VisitColumn(x + r, std::max(y - r, 0),
+                              std::min(y + r - 1, height_ - 1));
+      }
+      if (y + r < height_) {
+        inside |= VisitRow(y + r, std::max(x - r + 1, 0),
+                           std::min(x + r, width_ - 1));
+      }
+      if (x - r >= 0) {
+        inside |= VisitColumn(x - r, std::max(y - r + 1, 0),
+                              std::min(y + r, height_ - 1));
+      }
+      if (!inside) break;
+      if (bgCount_ >= kEnoughSamples && fgCount_ >= kEnoughSamples) break;
+    }
+  }
+
+  int BackgroundCount() const { return bgCount_; }
+  int ForegroundCount() const { return fgCount_; }
+
+  void BackgroundMean(unsigned char* out) const {
+    if (exhaustive_) {
+      std::memcpy(out, bgMean_, 3);
+    } else {
+      MeanColour(bg_.get(), bgCount_, out);
+    }
+  }
+
+  // The foreground sample of least composite error, earliest in ring order
+  // among equals; null when there is none.
+  const unsigned char* BestForegroundSample(int a, const unsigned char* b,
+                                            const unsigned char* i) const {
+    if (!exhaustive_) return BestForeground(fg_.get(), fgCount_, a, b, i);
+    const unsigned char* best = nullptr;
+    int bestError = std::numeric_limits<int>::max();
+    int64_t bestOrder = 0;
+    for (int k = 0; k < fgCount_; ++k) {
+      const int error = CompositeError(fg_[k], a, b, i);
+      if (error > bestError) continue;
+      const int64_t order = RingOrder(fgX_[k] - cx_, fgY_[k] - cy_);
+      if (error < bestError || order < bestOrder) {
+        bestError = error;
+        bestOrder = order;
+        best = fg_[k];
+      }
+    }
+    return best;
+  }
+
+ private:
+  bool VisitRow(int y, int x0, int x1) {
+    if (x0 > x1) return false;
+    const unsigned char* labels =
+        label_ + static_cast<ptrdiff_t>(y) * labelStride_;
+    for (int x = x0; x <= x1; ++x) Take(labels[x], x, y);
+    return true;
+  }
+  bool VisitColumn(int x, int y0, int y1) {
+    if (y0 > y1) return false;
+    for (int y = y0; y <= y1; ++y) {
+      Take(label_[static_cast<ptrdiff_t>(y) * labelStride_ + x], x, y);
+    }
+    return true;
+  }
+  void Take(unsigned char label, int x, int y) {
+    if (label == kBackground) {
+      bg_[bgCount_++] = At(colour_, colourStride_, x, y, 3);
+    } else if (label == kForeground) {
+      fg_[fgCount_++] = At(colour_, colourStride_, x, y, 3);
+    }
+  }
+
+  // Position of offset (dx, dy) in the visiting order: ring, then side (top,
+  // right, bottom, left), then coordinate along the side.
+  static int64_t RingOrder(int dx, int dy) {
+    const int r = std::max(std::abs(dx), std::abs(dy));
+    int side;
+    int along;
+    if (dy == -r && dx < r) {
+      side = 0;
+      along = dx;
+    } else if (dx == r && dy < r) {
+      side = 1;
+      along = dy;
+    } else if (dy == r && dx > -r) {
+      side = 2;
+      along = dx;
+    } else {
+      side = 3;
+      along = dy;
+    }
+    return (static_cast<int64_t>(r) * 4 + side) * (int64_t{1} << 32) + along +
+           (int64_t{1} << 31);
+  }
+
+  const unsigned char* label_;
+  int labelStride_;
+  const unsigned char* colour_;
+  int colourStride_;
+  int width_;
+  int height_;
+  bool exhaustive_ = false;
+  Buffer<const unsigned char*> bg_;
+  Buffer<const unsigned char*> fg_;
+  Buffer<int> fgX_;
+  Buffer<int> fgY_;
+  int bgCount_ = 0;
+  int fgCount_ = 0;
+  unsigned char bgMean_[3] = {0, 0, 0};
+  int cx_ = 0;
+  int cy_ = 0;
+};
+
+void LabelRows(const unsigned char* alpha, int alphaStride, int width, int y0,
+               int y1, unsigned char low, unsigned char high,
+               unsigned char* label) {
+  for (int y = y0; y < y1; ++y) {
+    const unsigned char* a = alpha + static_cast<ptrdiff_t>(y) * alphaStride;
+    unsigned char* l = label + static_cast<ptrdiff_t>(y) * width;
+    for (int x = 0; x < width; ++x) {
+      l[x] = a[x] > high ? kForeground : a[x] < low ? kBackground : kUnknown;
+    }
+  }
+}
+
+// The largest level, starting from full size and halving, on which every
+// unknown pixel has both known classes within its 5 x 5 window.
+void ChooseCoarsestLevel(const unsigned char* label, int width, int height,
+                         int* levelWidth, int* levelHeight) {
+  int w = width;
+  int h = height;
+  for (;;) {
+    if (w < 1 || h < 1) {
+      w *= 2;
+      h *= 2;
+      break;
+    }
+    // A zero border of two pixels lets every window read without tests.
+    const int stride = w + 4;
+    Buffer<unsigned char> padded(
+        new unsigned char[static_cast<size_t>(stride) * (h + 4)]());
+    unsigned char* inner = padded.get() + 2 * stride + 2;
+    ff::ipf_resize_nn(label, width, height, width, 1, inner, w, h, stride, 1,
+                      ff::ccn<1>());
+    int64_t counts[4] = {0, 0, 0, 0};
+    for (int y = 0; y < h; ++y) {
+      const unsigned char* row = inner + static_cast<ptrdiff_t>(y) * stride;
+      for (int x = 0; x < w; ++x) ++counts[row[x] & 3];
+    }
+    if (counts[kBackground] == 0 || counts[kForeground] == 0) {
+      // Deliberately back up (or, on the first pass, up) one level: a class
+      // lost to the halving is found again, and a matte with no pixel of one
+      // class is worked on at twice its size.
+      w *= 2;
+      h *= 2;
+      break;
+    }
+    int offsets[kWindowNeighbours];
+    ff::ipf_calc_nbr_offset(2, 2, stride, 1, offsets, true);
+    bool bracketed = true;
+    for (int y = 0; y < h && bracketed; ++y) {
+      const unsigned char* row = inner + static_cast<ptrdiff_t>(y) * stride;
+      for (int x = 0; x < w; ++x) {
+        if (row[x] != kUnknown) continue;
+        unsigned char seen = 0;
+        for (int k = 0; k < kWindowNeighbours; ++k) seen |= row[x + offsets[k]];
+        if (seen != 3) {
+          bracketed = false;
+          break;
+        }
+      }
+    }
+    if (bracketed || h < kMinHalvedSide || w < kMinHalvedSide) break;
+    w >>= 1;
+    h >>= 1;
+  }
+  *levelWidth = w;
+  *levelHeight = h;
+}
+
+void SolveCoarseLevel(_LevelData& level) {
+  RingSampler sampler(level.label, level.label_stride, level.image,
+                      level.image_stride, level.width, level.height);
+  for (int y = 0; y < level.height; ++y) {
+    for (int x = 0; x < level.width; ++x) {
+      if (level.label[static_cast<ptrdiff_t>(y) * level.label_stride + x] !=
+          kUnknown) {
+        continue;
+      }
+      sampler.collect_ring_samples(x, y);
+      unsigned char* b = At(level.background, level.background_stride, x, y, 3);
+      if (sampler.BackgroundCount() > 0) sampler.BackgroundMean(b);
+      const int a =
+          level.alpha[static_cast<ptrdiff_t>(y) * level.alpha_stride + x];
+      const unsigned char* i = At(level.image, level.image_stride, x, y, 3);
+      const unsigned char* f = sampler.BestForegroundSample(a, b, i);
+      if (f != nullptr) {
+        std::memcpy(At(level.foreground, level.foreground_stride, x, y, 3), f,
+                    3);
+      }
+    }
+  }
+}
+
+// Bilinear source positions of one axis of the transfer.
+struct AxisTable {
+  Buffer<int> index;
+  Buffer<float> frac;
+  AxisTable(int coarse, int fine)
+      : index(new int[fine > 0 ? fine : 1]),
+        frac(new float[fine > 0 ? fine : 1]) {
+    ff::ipf_calc_resize_tab_bl(coarse, fine, index.get(), frac.get(), 1);
+  }
+};
+
+// Carries one colour plane up a level. Coarse pixels of the excluded class
+// (the other layer's known pixels) get no weight where a neighbour of the
+// right kind can stand in; with all four excluded, the plane is re-estimated
+// from known samples around on the coarse level.
+void upsample_level_color(const _LevelData& coarse,
+                          const unsigned char* coarsePlane, int coarseStride,
+                          const _LevelData& fine, unsigned char* finePlane,
+                          int fineStride, unsigned char excluded,
+                          const AxisTable& xs, const AxisTable& ys) {
+  const bool isBackground = excluded == kForeground;
+  RingSampler sampler(coarse.label, coarse.label_stride, coarsePlane,
+                      coarseStride, coarse.width, coarse.height);
+  for (int y = 0; y < fine.height; ++y) {
+    const int iy = ys.index[y];
+    const float ty = ys.frac[y];
+    const unsigned char* labelTop =
+        coarse.label + static_cast<ptrdiff_t>(iy) * coarse.label_stride;
+    const unsigned char* labelBottom = labelTop + coarse.label_stride;
+    const unsigned char* fineLabels =
+        fine.label + static_cast<ptrdiff_t>(y) * fine.label_stride;
+    for (int x = 0; x < fine.width; ++x) {
+      if (fineLabels[x] != kUnknown) continue;
+      const int ix = xs.index[x];
+      const float tx = xs.frac[x];
+      const bool e00 = labelTop[ix] == excluded;
+      const bool e10 = labelTop[ix + 1] == excluded;
+      const bool e01 = labelBottom[ix] == excluded;
+      const bool e11 = labelBottom[ix + 1] == excluded;
+      unsigned char* out = At(finePlane, fineStride, x, y, 3);
+      float wt = e00 == e10 ? tx : e00 ? 1.0f : 0.0f;
+      float wb = e01 == e11 ? tx : e01 ? 1.0f : 0.0f;
+      float wv;
+      if (!(e01 && e11)) {
+        wv = (e00 && e10) ? 1.0f : ty;
+      } else if (!(e00 && e10)) {
+        wv = 0.0f;
+      } else {
+        sampler.collect_ring_samples(ix, iy);
+        if (isBackground && sampler.BackgroundCount() > 0) {
+          sampler.BackgroundMean(out);
+          continue;
+        }
+        if (!isBackground && sampler.ForegroundCount() > 0) {
+          const int a =
+              fine.alpha[static_cast<ptrdiff_t>(y) * fine.alpha_stride + x];
+          const unsigned char* b =
+              At(fine.background, fine.background_stride, x, y, 3);
+          const unsigned char* f = sampler.BestForegroundSample(a, b, out);
+          std::memcpy(out, f, 3);
+          continue;
+        }
+        wt = tx;
+        wv = 0.0f;
+      }
+      const unsigned char* p00 = At(coarsePlane, coarseStride, ix, iy, 3);
+      const unsigned char* p10 = p00 + 3;
+      const unsigned char* p01 = p00 + coarseStride;
+      const unsigned char* p11 = p01 + 3;
+      for (int c = 0; c < 3; ++c) {
+        const float top = p00[c] + wt * (p10[c] - p00[c]);
+        const float bottom = p01[c] + wb * (p11[c] - p01[c]);
+        const float v = top + wv * (bottom - top);
+        out[c] = static_cast<unsigned char>(static_cast<int>(v));
+      }
+    }
+  }
+}
+
+// 5 x 5 gathers on the new level: the window is moved inside the level at
+// its borders rather than clipped, so it always holds 24 neighbours.
+void CorrectWithWindow(_LevelData& level) {
+  const int w = level.width;
+  const int h = level.height;
+  int labelOffsets[kWindowNeighbours];
+  int imageOffsets[kWindowNeighbours];
+  ff::ipf_calc_nbr_offset(2, 2, level.label_stride, 1, labelOffsets, true);
+  ff::ipf_calc_nbr_offset(2, 2, level.image_stride, 3, imageOffsets, true);
+  const unsigned char* bg[kWindowNeighbours];
+  const unsigned char* fg[kWindowNeighbours];
+  for (int y = 0; y < h; ++y) {
+    const int cy = y < 2 ? 2 : std::min(y, h - 3);
+    for (int x = 0; x < w; ++x) {
+      if (level.label[static_cast<ptrdiff_t>(y) * level.label_stride + x] !=
+          kUnknown) {
+        continue;
+      }
+      const int cx = x < 2 ? 2 : std::min(x, w - 3);
+      const unsigned char* centreLabel =
+          level.label + static_cast<ptrdiff_t>(cy) * level.label_stride + cx;
+      const unsigned char* centreImage =
+          At(level.image, level.image_stride, cx, cy, 3);
+      int nb = 0;
+      int nf = 0;
+      for (int k = 0; k < kWindowNeighbours; ++k) {
+        const unsigned char l = centreLabel[labelOffsets[k]];
+        if (l == kBackground) bg[nb++] = centreImage + imageOffsets[k];
+        if (l == kForeground) fg[nf++] = centreImage + imageOffsets[k];
+      }
+      unsigned char* b = At(level.background, level.background_stride, x, y, 3);
+      if (nb > 0) MeanColour(bg, nb, b);
+      if (nf > 0) {
+        const int a =
+            level.alpha[static_cast<ptrdiff_t>(y) * level.alpha_stride + x];
+        const unsigned char* i = At(level.image, level.image_stride, x, y, 3);
+        std::memcpy(At(level.foreground, level.foreground_stride, x, y, 3),
+                    BestForeground(fg, nf, a, b, i), 3);
+      }
+    }
+  }
+}
+
+struct BandWidth {
+  int64_t lower;
+  int64_t upper;
+};
+
+// Typical width of the unknown band: the median of the per-pixel widths
+// (capped at the longest one seen), the weight then fading out up to two and
+// a half times that.
+BandWidth MeasureBand(const unsigned int* toFg, const unsigned int* toBg,
+                      const unsigned char* alpha, int alphaStride, int width,
+                      int height, unsigned char low, unsigned char high) {
+  const int64_t diagonal =
+      static_cast<int64_t>(std::sqrt(static_cast<double>(width) * width +
+                                     static_cast<double>(height) * height));
+  const int64_t bins = std::max<int64_t>(diagonal, 1024);
+  Buffer<int64_t> histogram(new int64_t[bins]());
+  int64_t count = 0;
+  int64_t longest = 0;
+  for (int y = 0; y < height; ++y) {
+    const unsigned char* a = alpha + static_cast<ptrdiff_t>(y) * alphaStride;
+    const size_t row = static_cast<size_t>(y) * width;
+    for (int x = 0; x < width; ++x) {
+      if (a[x] < low || a[x] > high) continue;
+      const int64_t n = (toFg[row + x] + toBg[row + x]) / kDistanceScale;
+      if (n >= bins) continue;
+      ++histogram[n];
+      ++count;
+      longest = std::max(longest, n);
+    }
+  }
+  // Counts the bin where half is reached too: one past the median bin.
+  int64_t median = 0;
+  if (count >= 2) {
+    int64_t k = count >> 1;
+    while (k > 0) k -= histogram[median++];
+  }
+  BandWidth band;
+  band.lower = std::min(longest, median);
+  band.upper = std::min(longest, (5 * band.lower) / 2) + 1;
+  return band;
+}
+
+// Float to byte as the conversion instruction of either target does for
+// values in range; a NaN (alpha 0 with low = 0) becomes 0.
+inline unsigned char TruncateToByte(float v) {
+  if (!(v == v)) return 0;
+  if (v >= 2147483648.0f || v < -2147483648.0f) return 0;
+  return static_cast<unsigned char>(static_cast<int>(v));
+}
+
+void CorrectRows(const unsigned char* image, int imageStride,
+                 const unsigned char* alpha, int alphaStride,
+                 const unsigned char* label, int width, int y0, int y1,
+                 const unsigned int* toFg, const unsigned int* toBg,
+                 const BandWidth& band, const float* sTable,
+                 const _LevelData& level) {
+  for (int y = y0; y < y1; ++y) {
+    const size_t row = static_cast<size_t>(y) * width;
+    for (int x = 0; x < width; ++x) {
+      if (label[row + x] != kUnknown) continue;
+      const int64_t n = (toFg[row + x] + toBg[row + x]) / kDistanceScale;
+      float g;
+      if (n < band.lower) {
+        g = 1.0f;
+      } else if (n <= band.upper) {
+        g = static_cast<float>(band.upper - n) /
+            static_cast<float>(band.upper - band.lower);
+      } else {
+        g = 0.0f;
+      }
+      const unsigned char alphaValue =
+          alpha[static_cast<ptrdiff_t>(y) * alphaStride + x];
+      const float a = static_cast<float>(alphaValue) / 255.0f;
+      const float s = sTable[alphaValue];
+      const unsigned char* i = At(image, imageStride, x, y, 3);
+      const unsigned char* b =
+          At(level.background, level.background_stride, x, y, 3);
+      unsigned char* f = At(level.foreground, level.foreground_stride, x, y, 3);
+      for (int c = 0; c < 3; ++c) {
+        float fs =
+            (static_cast<float>(i[c]) - (1.0f - a) * static_cast<float>(b[c])) /
+            a;
+        fs = fs < 0.0f ? 0.0f : std::min(fs, 255.0f);
+        const float v = (1.0f - s) * static_cast<float>(i[c]) +
+                        s * (g * static_cast<float>(f[c]) + (1.0f - g) * fs);
+        f[c] = TruncateToByte(v);
+      }
+    }
+  }
+}
+
+}  // namespace
+
+void _LevelData::InitLevel(const unsigned char* src_image, int src_width,
+                           int src_height, int src_image_stride,
+                           const unsigned char* src_alpha, int src_alpha_stride,
+                           const unsigned char* src_label, int src_label_stride,
+                           int level_width, int level_height) {
+  Release();
+  const size_t pixels = static_cast<size_t>(level_width) * level_height;
+  image = new unsigned char[pixels * 3];
+  alpha = new unsigned char[pixels];
+  label = new unsigned char[pixels];
+  background = new unsigned char[pixels * 3];
+  foreground = new unsigned char[pixels * 3];
+  width = level_width;
+  height = level_height;
+  image_stride = level_width * 3;
+  alpha_stride = level_width;
+  label_stride = level_width;
+  background_stride = level_width * 3;
+  foreground_stride = level_width * 3;
+  ff::ipf_resize_nn(src_image, src_width, src_height, src_image_stride, 3,
+                    image, level_width, level_height, image_stride, 3,
+                    ff::ccn<3>());
+  ff::ipf_resize_nn(src_alpha, src_width, src_height, src_alpha_stride, 1,
+                    alpha, level_width, level_height, alpha_stride, 1,
+                    ff::ccn<1>());
+  ff::ipf_resize_nn(src_label, src_width, src_height, src_label_stride, 1,
+                    label, level_width, level_height, label_stride, 1,
+                    ff::ccn<1>());
+  ff::ipf_memcpy_2d(image, level_width * 3, level_height, image_stride,
+                    background, background_stride);
+  ff::ipf_memcpy_2d(image, level_width * 3, level_height, image_stride,
+                    foreground, foreground_stride);
+}
+
+void _LevelData::Release() {
+  unsigned char* planes[5] = {image, alpha, label, background, foreground};
+  for (unsigned char* p : planes) {
+    if (p != nullptr) delete[] p;
+  }
+  width = height = 0;
+  image = alpha = label = background = foreground = nullptr;
+  image_stride = alpha_stride = label_stride = 0;
+  background_stride = foreground_stride = 0;
+}
+
+void _calc_S_func(float* table, int low, int high, double sigma, double mid) {
+  const double e = std::exp(-0.5 / sigma);
+  const double c = (e + (1.0 - e) * mid) / (e + 1.0);
+  const double q = ((e - 1.0) / (e - (e + 1.0) * c) - 1.0) / e;
+  const double logQ = std::log(q);
+  const double k = (e * e * q + 1.0) / (e * e - 1.0) / q;
+  const int lo = std::max(low, 0);
+  const int hi = std::min(high, 255);
+  for (int v = 0; v < 256; ++v) table[v] = 0.0f;
+  for (int step = 0; step <= hi - lo; ++step) {
+    // A one-value band has no slope: 0 / 0, as the division would give.
+    const double t = hi > lo ? static_cast<double>(step) / (hi - lo)
+                             : std::numeric_limits<double>::quiet_NaN();
+    table[lo + step] = static_cast<float>(
+        k -
+        (q + 1.0) * k / (std::exp((logQ * sigma - (1.0 - t)) / sigma) + 1.0));
+  }
+}
+
+void estimate_fb_color_x(const unsigned char* image, int width, int height,
+                         int image_stride, const unsigned char* alpha,
+                         int alpha_stride, unsigned char* background,
+                         int background_stride, unsigned char* foreground,
+                         int foreground_stride, unsigned char low,
+                         unsigned char high) {
+  if (image == nullptr || alpha == nullptr) return;
+  // Nothing to write; the steps below assume a non-empty plane.
+  if (width < 1 || height < 1) return;
+  StageClock clock;
+
+  const size_t pixels = static_cast<size_t>(width) * height;
+  Buffer<unsigned char> label(new unsigned char[pixels]);
+  const int bands[5] = {0, height / 4, height / 2, 3 * (height / 4), height};
+  for (int b = 0; b < 4; ++b) {
+    LabelRows(alpha, alpha_stride, width, bands[b], bands[b + 1], low, high,
+              label.get());
+  }
+
+  int w = 0;
+  int h = 0;
+  ChooseCoarsestLevel(label.get(), width, height, &w, &h);
+  auto current = std::make_unique<_LevelData>();
+  current->InitLevel(image, width, height, image_stride, alpha, alpha_stride,
+                     label.get(), width, w, h);
+  STAGE_LAP(clock, kLevels);
+  SolveCoarseLevel(*current);
+  STAGE_LAP(clock, kCoarse);
+
+  while (current->width < width || current->height < height) {
+    int nw = std::min(current->width * 2, width);
+    int nh = std::min(current->height * 2, height);
+    // A last step of less than a quarter is not worth a level of its own.
+    if ((nw * 5) / 4 >= width || (nh * 5) / 4 >= height) {
+      nw = width;
+      nh = height;
+    }
+    auto next = std::make_unique<_LevelData>();
+    next->InitLevel(image, width, height, image_stride, alpha, alpha_stride,
+                    label.get(), width, nw, nh);
+    STAGE_LAP(clock, kLevels);
+    const AxisTable xs(current->width, nw);
+    const AxisTable ys(current->height, nh);
+    upsample_level_color(*current, current->background,
+                         current->background_stride, *next, next->background,
+                         next->background_stride, kForeground, xs, ys);
+    upsample_level_color(*current, current->foreground,
+                         current->foreground_stride, *next, next->foreground,
+                         next->foreground_stride, kBackground, xs, ys);
+    STAGE_LAP(clock, kTransfer);
+    CorrectWithWindow(*next);
+    current = std::move(next);
+    STAGE_LAP(clock, kWindow);
+  }
+
+  Buffer<unsigned int> toFg(new unsigned int[pixels]);
+  Buffer<unsigned int> toBg(new unsigned int[pixels]);
+  ff::dist_field* field =
+      ff::ipf_create_distance_field_2d(width, height, kDistanceScale);
+  ff::ipf_distance_transform_2d(field, label.get(),
+                                static_cast<unsigned short>(width),
+                                static_cast<unsigned short>(height), width,
+                                kForeground, toFg.get(), width, nullptr, 0);
+  ff::ipf_distance_transform_2d(field, label.get(),
+                                static_cast<unsigned short>(width),
+                                static_cast<unsigned short>(height), width,
+                                kBackground, toBg.get(), width, nullptr, 0);
+  ff::ipf_release_distance_field(field);
+  const BandWidth band = MeasureBand(toFg.get(), toBg.get(), alpha,
+                                     alpha_stride, width, height, low, high);
+  STAGE_LAP(clock, kDistance);
+
+  float sTable[256];
+  _calc_S_func(sTable, low, high, 1.0, 0.5);
+  for (int b = 0; b < 4; ++b) {
+    CorrectRows(image, image_stride, alpha, alpha_stride, label.get(), width,
+                bands[b], bands[b + 1], toFg.get(), toBg.get(), band, sTable,
+                *current);
+  }
+  STAGE_LAP(clock, kFinal);
+
+  if (background != nullptr) {
+    ff::ipf_memcpy_2d(current->background, width * 3, height,
+                      current->background_stride, background,
+                      background_stride);
+  }
+  if (foreground != nullptr) {
+    ff::ipf_memcpy_2d(current->foreground, width * 3, height,
+                      current->foreground_stride, foreground,
+                      foreground_stride);
+  }
+}
+
+void mat_estimate_fb_color(const unsigned char* image, int width, int height,
+                           int image_stride, const unsigned char* alpha,
+                           int alpha_stride, unsigned char* foreground,
+                           int foreground_stride, unsigned char* background,
+                           int background_stride, unsigned char low,
+                           unsigned char high) {
+  // The worker takes the background first: the outputs swap on the way.
+  estimate_fb_color_x(image, width, height, image_stride, alpha, alpha_stride,
+                      background, background_stride, foreground,
+                      foreground_stride, low, high);
+}

@@ -122,6 +122,13 @@ Run2d Transform2d(const std::vector<unsigned char>& labels, int width,
           dist.data(), distStride,
           reinterpret_cast<unsigned short(*)[2]>(near.data()), nearStride),
       -1);
+  // Without nearest points the distances must be the same.
+  std::vector<unsigned int> alone(dist.size(), 0xA5A5A5A5u);
+  ff::ipf_distance_transform_2d(
+      field, padded.data(), static_cast<unsigned short>(width),
+      static_cast<unsigned short>(height), labelStride, kTarget, alone.data(),
+      distStride, nullptr, 0);
+  EXPECT_EQ(alone, dist);
   ff::ipf_release_distance_field(field);
   Run2d out;
   for (int y = 0; y < height; ++y) {
