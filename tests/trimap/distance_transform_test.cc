@@ -157,7 +157,7 @@ TEST(DistanceTransform, SmallGridsTransformTheirFirstLineTwice) {
   }
 }
 
-TEST(DistanceTransform, LongLinesOfZerosAndFarAgreeWithTheOneDimensionalForm) {
+TEST(DistanceTransform, LongLinesAgreeWithTheOneDimensionalForm) {
   // Whole rows and whole columns of a grid must come out exactly as the 1-D
   // transform of the same samples, up to the longest lines a photo has,
   // where squares and breakpoints outgrow float's exact integers.
@@ -167,6 +167,15 @@ TEST(DistanceTransform, LongLinesOfZerosAndFarAgreeWithTheOneDimensionalForm) {
       std::vector<float> line(n);
       std::uniform_real_distribution<double> coin(0.0, 1.0);
       for (float& v : line) v = coin(rng) < zeros ? 0.0f : kFar;
+      // Every other line also gets large costs, whose sums with the
+      // squares round in float.
+      if (zeros == 0.01) {
+        for (float& v : line) {
+          if (v != 0.0f && coin(rng) < 0.7) {
+            v = static_cast<float>(rng() % 4000000);
+          }
+        }
+      }
       std::unique_ptr<float[]> want(DistanceTransform1D(line.data(), n));
       std::vector<float> row = line;
       DistanceTransform(row.data(), n, 1);
@@ -176,6 +185,88 @@ TEST(DistanceTransform, LongLinesOfZerosAndFarAgreeWithTheOneDimensionalForm) {
         ASSERT_EQ(row[p], want[p]) << "row of " << n << " at " << p;
         ASSERT_EQ(column[p], want[p]) << "column of " << n << " at " << p;
       }
+    }
+  }
+}
+
+// Columns, then rows, each through the 1-D transform: the definition of the
+// 2-D transform for grids of 4 or more lines each way.
+std::vector<float> Separable(std::vector<float> g, int width, int height,
+                             bool brute_force) {
+  auto line = [&](int start, int step, int n) {
+    std::vector<float> f(n);
+    for (int i = 0; i < n; ++i) f[i] = g[start + static_cast<size_t>(i) * step];
+    std::vector<float> d;
+    if (brute_force) {
+      d = BruteForce1D(f);
+    } else {
+      std::unique_ptr<float[]> r(DistanceTransform1D(f.data(), n));
+      d.assign(r.get(), r.get() + n);
+    }
+    for (int i = 0; i < n; ++i) g[start + static_cast<size_t>(i) * step] = d[i];
+  };
+  for (int x = 0; x < width; ++x) line(x, width, height);
+  for (int y = 0; y < height; ++y) line(y * width, 1, width);
+  return g;
+}
+
+TEST(DistanceTransform, AdditiveCostsMatchSeparableBruteForce) {
+  std::mt19937 rng(8);
+  for (int width : {4, 9, 30}) {
+    for (int height : {4, 7, 25}) {
+      for (int trial = 0; trial < 8; ++trial) {
+        // Mostly sources and far pixels, so that whole rows and columns of
+        // only those sit next to ones with costs, from a row picked at
+        // random on.
+        const int costly_from = static_cast<int>(rng() % height);
+        std::vector<float> grid(static_cast<size_t>(width) * height);
+        for (int y = 0; y < height; ++y) {
+          for (int x = 0; x < width; ++x) {
+            const unsigned r = rng() % 10;
+            float v = r < 3 ? 0.0f : kFar;
+            if (y >= costly_from && r == 9) v = static_cast<float>(rng() % 90);
+            grid[static_cast<size_t>(y) * width + x] = v;
+          }
+        }
+        const std::vector<float> want = Separable(grid, width, height, true);
+        DistanceTransform(grid.data(), width, height);
+        ASSERT_EQ(grid, want) << width << "x" << height << " trial " << trial;
+      }
+    }
+  }
+}
+
+TEST(DistanceTransform, LargeGridsAgreeWithSeparableOneDimensionalForm) {
+  // Past 2^24 the sums round, and nothing but the 1-D transform applied
+  // line by line defines the result.
+  std::mt19937 rng(12);
+  for (auto [width, height] :
+       {std::pair{4100, 6}, {4096, 9}, {5, 4500}, {600, 500}, {4096, 1500}}) {
+    std::vector<unsigned char> mask(static_cast<size_t>(width) * height, 0);
+    for (int b = 0; b < 4; ++b) {
+      const int cx = static_cast<int>(rng() % width);
+      const int cy = static_cast<int>(rng() % height);
+      const double rx = 1 + rng() % (width / 2 + 1);
+      const double ry = 1 + rng() % (height / 2 + 1);
+      for (int y = 0; y < height; ++y) {
+        for (int x = 0; x < width; ++x) {
+          const double dx = (x - cx) / rx;
+          const double dy = (y - cy) / ry;
+          if (dx * dx + dy * dy <= 1.0) {
+            mask[static_cast<size_t>(y) * width + x] = 255;
+          }
+        }
+      }
+    }
+    std::unique_ptr<float[]> grid(
+        DPLMatting_MakeDTInput(mask.data(), width, height, width));
+    const std::vector<float> want =
+        Separable(std::vector<float>(grid.get(), grid.get() + mask.size()),
+                  width, height, false);
+    DistanceTransform(grid.get(), width, height);
+    for (size_t i = 0; i < want.size(); ++i) {
+      ASSERT_EQ(grid[i], want[i]) << width << "x" << height << " at ("
+                                  << i % width << ", " << i / width << ")";
     }
   }
 }
