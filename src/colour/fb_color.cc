@@ -78,6 +78,23 @@ inline unsigned char* At(unsigned char* plane, int stride, int x, int y,
          static_cast<ptrdiff_t>(x) * channels;
 }
 
+// Counts in registers: a table of counters indexed by label would make
+// every pixel wait for the previous one's store.
+void CountKnown(const unsigned char* label, int stride, int width, int height,
+                int64_t* background, int64_t* foreground) {
+  for (int y = 0; y < height; ++y) {
+    const unsigned char* row = label + static_cast<ptrdiff_t>(y) * stride;
+    int b = 0;
+    int f = 0;
+    for (int x = 0; x < width; ++x) {
+      b += row[x] == kBackground;
+      f += row[x] == kForeground;
+    }
+    *background += b;
+    *foreground += f;
+  }
+}
+
 // Integer mean per channel, truncated.
 void MeanColour(const unsigned char* const* samples, int count,
                 unsigned char* out) {
@@ -133,19 +150,14 @@ class RingSampler {
         colourStride_(colourStride),
         width_(width),
         height_(height) {
-    int64_t counts[3] = {0, 0, 0};
-    for (int y = 0; y < height; ++y) {
-      const unsigned char* row =
-          label + static_cast<ptrdiff_t>(y) * labelStride;
-      for (int x = 0; x < width; ++x) {
-        if (row[x] == kBackground || row[x] == kForeground) ++counts[row[x]];
-      }
-    }
-    exhaustive_ = counts[kBackground] < kEnoughSamples ||
-                  counts[kForeground] < kEnoughSamples;
-    const size_t capacity = exhaustive_
-                                ? static_cast<size_t>(counts[kForeground])
-                                : static_cast<size_t>(width) * height;
+    int64_t backgroundCount = 0;
+    int64_t foregroundCount = 0;
+    CountKnown(label, labelStride, width, height, &backgroundCount,
+               &foregroundCount);
+    exhaustive_ =
+        backgroundCount < kEnoughSamples || foregroundCount < kEnoughSamples;
+    const size_t capacity = exhaustive_ ? static_cast<size_t>(foregroundCount)
+                                        : static_cast<size_t>(width) * height;
     fg_.reset(new const unsigned char*[capacity > 0 ? capacity : 1]);
     if (!exhaustive_) {
       bg_.reset(new const unsigned char*[capacity > 0 ? capacity : 1]);
@@ -171,7 +183,7 @@ class RingSampler {
         }
       }
     }
-    bgCount_ = static_cast<int>(counts[kBackground]);
+    bgCount_ = static_cast<int>(backgroundCount);
     for (int c = 0; c < 3; ++c) {
       bgMean_[c] =
           bgCount_ > 0 ? static_cast<unsigned char>(sum[c] / bgCount_) : 0;
@@ -336,12 +348,10 @@ void ChooseCoarsestLevel(const unsigned char* label, int width, int height,
     unsigned char* inner = padded.get() + 2 * stride + 2;
     ff::ipf_resize_nn(label, width, height, width, 1, inner, w, h, stride, 1,
                       ff::ccn<1>());
-    int64_t counts[4] = {0, 0, 0, 0};
-    for (int y = 0; y < h; ++y) {
-      const unsigned char* row = inner + static_cast<ptrdiff_t>(y) * stride;
-      for (int x = 0; x < w; ++x) ++counts[row[x] & 3];
-    }
-    if (counts[kBackground] == 0 || counts[kForeground] == 0) {
+    int64_t backgroundCount = 0;
+    int64_t foregroundCount = 0;
+    CountKnown(inner, stride, w, h, &backgroundCount, &foregroundCount);
+    if (backgroundCount == 0 || foregroundCount == 0) {
       // Deliberately back up (or, on the first pass, up) one level: a class
       // lost to the halving is found again, and a matte with no pixel of one
       // class is worked on at twice its size.
