@@ -67,7 +67,7 @@ struct PairList {
 
 // Pixels searched side by side: each step of the search is the same
 // arithmetic on every lane, which plain loops turn into vector code.
-constexpr int kLanes = 8;
+constexpr int kLanes = 16;
 
 // Every quantity of the search is an integer or a multiple of 2^-13 below
 // 2^24 in magnitude, so single precision holds it exactly and vector code
@@ -113,10 +113,11 @@ struct LaneSearch {
   }
 
  private:
-  // floor(x) for x >= 0 on the 2^-12 grid: shifted off the half-way points
-  // and added to 1.5 * 2^23, where the spacing of floats is exactly 1.
-  static constexpr float kFloorBias = 1.0f / 8192.0f - 0.5f;
-  static constexpr float kMagic = 12582912.0f;
+  // floor(x) for x >= 0 on the 2^-12 grid: moved off the half-way points
+  // and added to 1.5 * 2^26, where floats are exactly 8 apart. Everything is
+  // scaled by 8 so that the squares come out as 64 times the error.
+  static constexpr float kFloorBias = 8.0f / 8192.0f - 4.0f;
+  static constexpr float kMagic = 100663296.0f;
 
   template <bool kCorrect>
   void Scan() {
@@ -126,7 +127,7 @@ struct LaneSearch {
     }
     float target[kErr][kLanes];
     for (int ch = 0; ch < kErr; ++ch) {
-      for (int l = 0; l < kLanes; ++l) target[ch][l] = kMagic + c[ch][l];
+      for (int l = 0; l < kLanes; ++l) target[ch][l] = kMagic + 8.0f * c[ch][l];
     }
     // Each lane keeps error * 64 + pair number: the smallest key is the
     // smallest error and, among equal errors, the earliest pair, which is
@@ -137,8 +138,8 @@ struct LaneSearch {
       const int j = kList.second[t];
       float a[4], b[4];
       for (int ch = 0; ch < 4; ++ch) {
-        a[ch] = (p[i][ch] - p[j][ch]) * (1.0f / kOne);
-        b[ch] = p[j][ch] + kFloorBias;
+        a[ch] = (p[i][ch] - p[j][ch]) * (8.0f / kOne);
+        b[ch] = 8.0f * p[j][ch] + kFloorBias;
       }
       const float tag = static_cast<float>(t);
       for (int l = 0; l < kLanes; ++l) {
@@ -162,10 +163,12 @@ struct LaneSearch {
           const float e3 = ((a[3] * w + b[3]) + kMagic) - target[3][l];
           e += e3 * e3;
         }
-        const float key = e * 64.0f + tag;
+        const float key = e + tag;
         best[l] = key < best[l] ? key : best[l];
       }
       // An exact blend on every lane ends the search: later pairs only tie.
+      // Checked now and then, as it rarely happens on every lane.
+      if (t % 4 != 3) continue;
       int exact = 0;
       for (int l = 0; l < kLanes; ++l) exact += best[l] < 64.0f;
       if (exact == kLanes) break;

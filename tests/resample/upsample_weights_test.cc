@@ -23,15 +23,19 @@ struct Colour {
   }
 };
 
+// levels evenly spaced values spanning span; a narrow span keeps every
+// distance small, a wide one makes them large.
 Colour MakeColour(int width, int height, int bytes, int levels,
-                  std::mt19937& rng) {
+                  std::mt19937& rng, int span = 255) {
   Colour c{width, height, bytes, width * bytes + 3, {}};
   c.data.assign(static_cast<size_t>(c.stride) * height, kSentinel);
-  const int step = levels > 1 ? 255 / (levels - 1) : 0;
+  const int step = levels > 1 ? span / (levels - 1) : 0;
+  const int base = (255 - span) / 2;
   for (int y = 0; y < height; ++y) {
     for (int x = 0; x < width * bytes; ++x) {
       c.data[static_cast<size_t>(y) * c.stride + x] =
-          static_cast<unsigned char>(step * static_cast<int>(rng() % levels));
+          static_cast<unsigned char>(base +
+                                     step * static_cast<int>(rng() % levels));
     }
   }
   return c;
@@ -162,13 +166,14 @@ const Size kSizes[] = {{13, 11, 5, 4},  {31, 17, 9, 6},   {7, 9, 3, 3},
 
 enum class Fill { kAll, kMask, kMaskWithValue };
 
-void CheckCalcWeights(int bytes, int mode, Fill fill, int levels,
-                      uint32_t seed) {
+void CheckCalcWeights(int bytes, int mode, Fill fill, int levels, uint32_t seed,
+                      int span = 255) {
   std::mt19937 rng(seed);
   for (const Size& s : kSizes) {
     if (mode != 2 && (s.lowWidth < 3 || s.lowHeight < 3)) continue;
-    const Colour img = MakeColour(s.width, s.height, bytes, levels, rng);
-    const Colour low = MakeColour(s.lowWidth, s.lowHeight, bytes, levels, rng);
+    const Colour img = MakeColour(s.width, s.height, bytes, levels, rng, span);
+    const Colour low =
+        MakeColour(s.lowWidth, s.lowHeight, bytes, levels, rng, span);
     std::vector<unsigned char> mask =
         softmatte_test::RandomPlane(s.width, s.height, s.width + 1, seed);
     for (auto& m : mask) m = rng() % 3 == 0 ? 0 : m;
@@ -212,6 +217,9 @@ TEST(UsamCalcWeights, ThreeByThreeMatchesBruteForceSearch) {
     CheckCalcWeights(3, mode, Fill::kAll, 256, 11 + mode);
     CheckCalcWeights(3, mode, Fill::kAll, 3, 21 + mode);
   }
+  // Colours within a few levels of each other: all distances small.
+  CheckCalcWeights(3, 3, Fill::kAll, 13, 25, 12);
+  CheckCalcWeights(3, 3, Fill::kAll, 41, 26, 40);
   CheckCalcWeights(3, 3, Fill::kMask, 4, 31);
   CheckCalcWeights(3, 3, Fill::kMaskWithValue, 2, 32);
   CheckCalcWeights(3, 3, Fill::kMaskWithValue, 256, 33);
@@ -220,6 +228,7 @@ TEST(UsamCalcWeights, ThreeByThreeMatchesBruteForceSearch) {
 TEST(UsamCalcWeights, TwoByTwoMatchesBruteForceSearch) {
   CheckCalcWeights(3, 2, Fill::kAll, 256, 41);
   CheckCalcWeights(3, 2, Fill::kAll, 3, 42);
+  CheckCalcWeights(3, 2, Fill::kAll, 9, 45, 8);
   CheckCalcWeights(3, 2, Fill::kMask, 5, 43);
   CheckCalcWeights(3, 2, Fill::kMaskWithValue, 256, 44);
 }
@@ -229,6 +238,7 @@ TEST(UsamCalcWeights, FourBytesScoreTheFourthInTheErrorOnly) {
     CheckCalcWeights(4, mode, Fill::kAll, 256, 51 + mode);
     CheckCalcWeights(4, mode, Fill::kAll, 3, 53 + mode);
     CheckCalcWeights(4, mode, Fill::kMask, 2, 55 + mode);
+    CheckCalcWeights(4, mode, Fill::kAll, 21, 57 + mode, 20);
   }
 }
 
@@ -260,6 +270,31 @@ TEST(UsamCalcWeights, HandWorkedPixels) {
   EXPECT_EQ(idx[0], 0);
   EXPECT_EQ(idx[1], 1);
   EXPECT_EQ(wts[0], 2730);
+}
+
+TEST(UsamCalcWeights, WeightsAreTruncatedExactlyEvenNearAnInteger) {
+  // Found by search: pair (1, 4) has a quotient just below an integer that a
+  // rounded division would carry up, making pair (1, 3) look better.
+  const unsigned char colours[9][3] = {
+      {203, 10, 70},  {85, 240, 147}, {30, 16, 53},
+      {113, 103, 79}, {39, 68, 15},   {11, 232, 221},
+      {42, 152, 95},  {191, 52, 163}, {132, 163, 183}};
+  std::vector<unsigned char> low(27), img(27, 0);
+  for (int k = 0; k < 9; ++k) {
+    for (int ch = 0; ch < 3; ++ch) low[3 * k + ch] = colours[k][ch];
+  }
+  img[12] = 103;  // pixel (1, 1), whose candidates are all nine
+  img[13] = 236;
+  img[14] = 81;
+  std::vector<int> idx(18);
+  std::vector<short> wts(9);
+  usam_calc_weights_8u_c3(img.data(), 3, 3, 9, nullptr, 0, low.data(), 3, 3, 9,
+                          idx.data(), 6, wts.data(), 3, 3);
+  EXPECT_EQ(idx[8], 1);
+  EXPECT_EQ(idx[9], 4);
+  const int d1 = 18 * 18 + 4 * 4 + 66 * 66 + 1;
+  const int d4 = 64 * 64 + 168 * 168 + 66 * 66 + 1;
+  EXPECT_EQ(wts[4], 4096 * d4 / (d1 + d4));
 }
 
 TEST(UsamCalcWeights, TwoByTwoTruncatesRowsButRoundsColumns) {
