@@ -224,50 +224,15 @@ TEST(EstimateFbColor, MatteWithoutForegroundSolvesAgainstTheBackgroundMean) {
   }
 }
 
-TEST(EstimateFbColor, MatteWithoutBackgroundIsReadFromTheDoubledLevel) {
-  // No alpha below low: the work is done on a level of twice the size, and
-  // the outputs are that level's planes read at full-size coordinates, so
-  // (x, y) shows the photo at ((x + 1) / 2, (y + 1) / 2). With no
-  // background samples B is that colour everywhere; the grey unknown area
-  // (left) maps onto itself and solves to its own colour.
-  const int width = 21, height = 17;
-  Planes p;
-  p.width = width;
-  p.height = height;
-  p.imageStride = 3 * width;
-  p.alphaStride = width;
-  p.image = RandomPlane(3 * width, height, p.imageStride, 41);
-  p.alpha.assign(static_cast<size_t>(width) * height, 255);
-  const unsigned char grey[3] = {128, 128, 128};
-  std::mt19937 rng(42);
-  std::uniform_int_distribution<int> soft(kLow, kHigh);
-  for (int y = 0; y < height; ++y) {
-    for (int x = 0; x < 12; ++x) {
-      p.alpha[y * width + x] = static_cast<unsigned char>(soft(rng));
-      std::copy_n(grey, 3, &p.image[y * p.imageStride + 3 * x]);
-    }
-  }
-  const Outputs out = Estimate(p);
-  for (int y = 0; y < height; ++y) {
-    for (int x = 0; x < width; ++x) {
-      const int sx = (x + 1) / 2, sy = (y + 1) / 2;
-      for (int c = 0; c < 3; ++c) {
-        ASSERT_EQ(out.B(x, y)[c], p.Pixel(sx, sy)[c]) << x << "," << y;
-        if (x < 12) {
-          ASSERT_NEAR(out.F(x, y)[c], 128, 1) << x << "," << y;
-        } else if (sx >= 12) {
-          ASSERT_EQ(out.F(x, y)[c], p.Pixel(sx, sy)[c]) << x << "," << y;
-        }
-      }
-    }
-  }
-}
-
-// Small images are solved at full size: every unknown pixel takes the known
-// pixels ring by ring (square rings, each from its top-left corner
-// clockwise) until a completed ring leaves 100 of each class; B is their
-// mean, F the first of least composite error. The band weight comes from
-// the chamfer widths of the band, then the compositing equation finishes F.
+// The whole estimate written plainly: a pyramid of nearest-neighbour
+// levels, the coarsest one on which every unknown pixel has both known
+// classes in its 5 x 5 window (halving while both sides are at least 17);
+// there each unknown pixel takes the known pixels ring by ring (square
+// rings, each from its top-left corner clockwise) until a completed ring
+// leaves 100 of each class: B is their mean, F the first of least composite
+// error. Each finer level interpolates the coarser planes, ignoring the
+// other layer's known pixels, then corrects from the 5 x 5 window; at full
+// size the compositing equation finishes F, weighted by the band's width.
 struct RingKey {
   int ring, side, along;
   bool operator<(const RingKey& o) const {
@@ -283,77 +248,234 @@ RingKey KeyOf(int dx, int dy) {
   return {r, 3, dy};
 }
 
-void SmallImageReference(const Planes& p, std::vector<unsigned char>* fgOut,
-                         std::vector<unsigned char>* bgOut) {
-  const int w = p.width, h = p.height;
-  std::vector<unsigned char> label(static_cast<size_t>(w) * h);
+struct RefLevel {
+  int w = 0, h = 0;
+  std::vector<unsigned char> image, alpha, label, bg, fg;  // packed
+  int At(int x, int y) const { return y * w + x; }
+};
+
+RefLevel MakeLevel(const Planes& p, const std::vector<unsigned char>& label,
+                   int w, int h) {
+  RefLevel l;
+  l.w = w;
+  l.h = h;
+  l.image.resize(static_cast<size_t>(w) * h * 3);
+  l.alpha.resize(static_cast<size_t>(w) * h);
+  l.label.resize(l.alpha.size());
+  ff::ipf_resize_nn(p.image.data(), p.width, p.height, p.imageStride, 3,
+                    l.image.data(), w, h, 3 * w, 3, ff::ccn<3>());
+  ff::ipf_resize_nn(p.alpha.data(), p.width, p.height, p.alphaStride, 1,
+                    l.alpha.data(), w, h, w, 1, ff::ccn<1>());
+  ff::ipf_resize_nn(label.data(), p.width, p.height, p.width, 1, l.label.data(),
+                    w, h, w, 1, ff::ccn<1>());
+  l.bg = l.image;
+  l.fg = l.image;
+  return l;
+}
+
+// Known pixels around (x, y), the pixel itself left out, in ring order.
+void RingSamples(const RefLevel& l, int x, int y, std::vector<int>* bgs,
+                 std::vector<int>* fgs) {
+  std::vector<std::pair<RingKey, int>> known;
+  for (int v = 0; v < l.h; ++v) {
+    for (int u = 0; u < l.w; ++u) {
+      if (l.label[l.At(u, v)] != 0 && (u != x || v != y)) {
+        known.push_back({KeyOf(u - x, v - y), l.At(u, v)});
+      }
+    }
+  }
+  std::sort(known.begin(), known.end());
+  for (size_t k = 0; k < known.size(); ++k) {
+    const int i = known[k].second;
+    (l.label[i] == 1 ? bgs : fgs)->push_back(i);
+    const bool ringDone =
+        k + 1 == known.size() || known[k + 1].first.ring != known[k].first.ring;
+    if (ringDone && bgs->size() >= 100 && fgs->size() >= 100) break;
+  }
+}
+
+void Mean(const std::vector<unsigned char>& plane, const std::vector<int>& at,
+          unsigned char* out) {
+  for (int c = 0; c < 3; ++c) {
+    int sum = 0;
+    for (int i : at) sum += plane[i * 3 + c];
+    out[c] = static_cast<unsigned char>(sum / static_cast<int>(at.size()));
+  }
+}
+
+// The first candidate of least composite error.
+void BestF(const std::vector<unsigned char>& plane, const std::vector<int>& at,
+           int a, const unsigned char* b, const unsigned char* i,
+           unsigned char* out) {
+  long best = -1;
+  int pick = -1;
+  for (int k : at) {
+    long e = 0;
+    for (int c = 0; c < 3; ++c) {
+      const int d = (plane[k * 3 + c] * a + (255 - a) * b[c]) / 255 - i[c];
+      e += d * d;
+    }
+    if (best < 0 || e < best) {
+      best = e;
+      pick = k;
+    }
+  }
+  std::copy_n(&plane[pick * 3], 3, out);
+}
+
+bool Bracketed(const std::vector<unsigned char>& label, int w, int h) {
   for (int y = 0; y < h; ++y) {
     for (int x = 0; x < w; ++x) {
-      label[y * w + x] =
+      if (label[y * w + x] != 0) continue;
+      int seen = 0;
+      for (int v = y - 2; v <= y + 2; ++v) {
+        for (int u = x - 2; u <= x + 2; ++u) {
+          if (u >= 0 && v >= 0 && u < w && v < h) seen |= label[v * w + u];
+        }
+      }
+      if (seen != 3) return false;
+    }
+  }
+  return true;
+}
+
+// Interpolates one plane of coarse into fine; excluded is the other layer's
+// known label.
+void Transfer(const RefLevel& coarse, const std::vector<unsigned char>& from,
+              RefLevel& fine, std::vector<unsigned char>& to, int excluded) {
+  std::vector<int> xi(fine.w), yi(fine.h);
+  std::vector<float> xf(fine.w), yf(fine.h);
+  ff::ipf_calc_resize_tab_bl(coarse.w, fine.w, xi.data(), xf.data(), 1);
+  ff::ipf_calc_resize_tab_bl(coarse.h, fine.h, yi.data(), yf.data(), 1);
+  for (int y = 0; y < fine.h; ++y) {
+    for (int x = 0; x < fine.w; ++x) {
+      const int here = fine.At(x, y);
+      if (fine.label[here] != 0) continue;
+      const int i00 = coarse.At(xi[x], yi[y]);
+      const int i10 = i00 + 1, i01 = i00 + coarse.w, i11 = i01 + 1;
+      auto out = [&](int idx) { return coarse.label[idx] == excluded; };
+      float wt = xf[x], wb = xf[x], wv = yf[y];
+      if (out(i00) != out(i10)) wt = out(i00) ? 1.0f : 0.0f;
+      if (out(i01) != out(i11)) wb = out(i01) ? 1.0f : 0.0f;
+      const bool topOut = out(i00) && out(i10);
+      const bool bottomOut = out(i01) && out(i11);
+      if (!bottomOut && topOut) wv = 1.0f;
+      if (bottomOut && !topOut) wv = 0.0f;
+      if (bottomOut && topOut) {
+        std::vector<int> bgs, fgs;
+        RingSamples(coarse, xi[x], yi[y], &bgs, &fgs);
+        const std::vector<int>& need = excluded == 2 ? bgs : fgs;
+        if (!need.empty()) {
+          if (excluded == 2) {
+            Mean(from, need, &to[here * 3]);
+          } else {
+            unsigned char current[3];
+            std::copy_n(&to[here * 3], 3, current);
+            BestF(from, need, fine.alpha[here], &fine.bg[here * 3], current,
+                  &to[here * 3]);
+          }
+          continue;
+        }
+        wt = xf[x];
+        wv = 0.0f;
+      }
+      for (int c = 0; c < 3; ++c) {
+        const float p00 = from[i00 * 3 + c], p10 = from[i10 * 3 + c];
+        const float p01 = from[i01 * 3 + c], p11 = from[i11 * 3 + c];
+        const float top = p00 + wt * (p10 - p00);
+        const float bottom = p01 + wb * (p11 - p01);
+        to[here * 3 + c] = static_cast<unsigned char>(
+            static_cast<int>(top + wv * (bottom - top)));
+      }
+    }
+  }
+}
+
+void PyramidReference(const Planes& p, std::vector<unsigned char>* fgOut,
+                      std::vector<unsigned char>* bgOut) {
+  const int width = p.width, height = p.height;
+  std::vector<unsigned char> label(static_cast<size_t>(width) * height);
+  for (int y = 0; y < height; ++y) {
+    for (int x = 0; x < width; ++x) {
+      label[y * width + x] =
           static_cast<unsigned char>(LabelOf(p.Alpha(x, y), kLow, kHigh));
     }
   }
-  std::vector<unsigned char> fg(static_cast<size_t>(w) * h * 3);
-  std::vector<unsigned char> bg(fg.size());
-  for (int y = 0; y < h; ++y) {
-    for (int x = 0; x < w; ++x) {
-      std::copy_n(p.Pixel(x, y), 3, &fg[(y * w + x) * 3]);
-      std::copy_n(p.Pixel(x, y), 3, &bg[(y * w + x) * 3]);
-      if (label[y * w + x] != 0) continue;
-      std::vector<std::pair<RingKey, int>> known;
-      for (int v = 0; v < h; ++v) {
-        for (int u = 0; u < w; ++u) {
-          if (label[v * w + u] != 0)
-            known.push_back({KeyOf(u - x, v - y), v * w + u});
-        }
-      }
-      std::sort(known.begin(), known.end());
+  int w = width, h = height;
+  for (;;) {
+    const RefLevel trial = MakeLevel(p, label, w, h);
+    const auto has = [&](int l) {
+      return std::count(trial.label.begin(), trial.label.end(), l) > 0;
+    };
+    if (!has(1) || !has(2)) {
+      w *= 2;
+      h *= 2;
+      break;
+    }
+    if (Bracketed(trial.label, w, h) || w < 17 || h < 17) break;
+    w /= 2;
+    h /= 2;
+  }
+  RefLevel cur = MakeLevel(p, label, w, h);
+  for (int y = 0; y < cur.h; ++y) {
+    for (int x = 0; x < cur.w; ++x) {
+      const int here = cur.At(x, y);
+      if (cur.label[here] != 0) continue;
       std::vector<int> bgs, fgs;
-      for (size_t k = 0; k < known.size(); ++k) {
-        const int i = known[k].second;
-        (label[i] == 1 ? bgs : fgs).push_back(i);
-        const bool ringDone = k + 1 == known.size() ||
-                              known[k + 1].first.ring != known[k].first.ring;
-        if (ringDone && bgs.size() >= 100 && fgs.size() >= 100) break;
-      }
-      unsigned char* b = &bg[(y * w + x) * 3];
-      if (!bgs.empty()) {
-        for (int c = 0; c < 3; ++c) {
-          int sum = 0;
-          for (int i : bgs) sum += p.Pixel(i % w, i / w)[c];
-          b[c] = static_cast<unsigned char>(sum / static_cast<int>(bgs.size()));
-        }
-      }
-      const int a = p.Alpha(x, y);
-      long best = -1;
-      for (int i : fgs) {
-        long e = 0;
-        for (int c = 0; c < 3; ++c) {
-          const int d =
-              (p.Pixel(i % w, i / w)[c] * a + (255 - a) * b[c]) / 255 -
-              p.Pixel(x, y)[c];
-          e += d * d;
-        }
-        if (best < 0 || e < best) {
-          best = e;
-          std::copy_n(p.Pixel(i % w, i / w), 3, &fg[(y * w + x) * 3]);
-        }
+      RingSamples(cur, x, y, &bgs, &fgs);
+      if (!bgs.empty()) Mean(cur.image, bgs, &cur.bg[here * 3]);
+      if (!fgs.empty()) {
+        BestF(cur.image, fgs, cur.alpha[here], &cur.bg[here * 3],
+              &cur.image[here * 3], &cur.fg[here * 3]);
       }
     }
   }
+  while (cur.w < width || cur.h < height) {
+    int nw = std::min(2 * cur.w, width), nh = std::min(2 * cur.h, height);
+    if (nw * 5 / 4 >= width || nh * 5 / 4 >= height) {
+      nw = width;
+      nh = height;
+    }
+    RefLevel fine = MakeLevel(p, label, nw, nh);
+    Transfer(cur, cur.bg, fine, fine.bg, 2);
+    Transfer(cur, cur.fg, fine, fine.fg, 1);
+    for (int y = 0; y < nh; ++y) {
+      for (int x = 0; x < nw; ++x) {
+        const int here = fine.At(x, y);
+        if (fine.label[here] != 0) continue;
+        // The window moves inside the level rather than shrinking.
+        const int cx = std::clamp(x, 2, nw - 3), cy = std::clamp(y, 2, nh - 3);
+        std::vector<int> bgs, fgs;
+        for (int v = cy - 2; v <= cy + 2; ++v) {
+          for (int u = cx - 2; u <= cx + 2; ++u) {
+            if (u == cx && v == cy) continue;
+            const int l = fine.label[fine.At(u, v)];
+            if (l == 1) bgs.push_back(fine.At(u, v));
+            if (l == 2) fgs.push_back(fine.At(u, v));
+          }
+        }
+        if (!bgs.empty()) Mean(fine.image, bgs, &fine.bg[here * 3]);
+        if (!fgs.empty()) {
+          BestF(fine.image, fgs, fine.alpha[here], &fine.bg[here * 3],
+                &fine.image[here * 3], &fine.fg[here * 3]);
+        }
+      }
+    }
+    cur = std::move(fine);
+  }
 
-  std::vector<unsigned int> toFg(static_cast<size_t>(w) * h);
+  std::vector<unsigned int> toFg(static_cast<size_t>(width) * height);
   std::vector<unsigned int> toBg(toFg.size());
-  ff::dist_field* field = ff::ipf_create_distance_field_2d(w, h, 100);
-  ff::ipf_distance_transform_2d(field, label.data(), w, h, w, 2, toFg.data(), w,
-                                nullptr, 0);
-  ff::ipf_distance_transform_2d(field, label.data(), w, h, w, 1, toBg.data(), w,
-                                nullptr, 0);
+  ff::dist_field* field = ff::ipf_create_distance_field_2d(width, height, 100);
+  ff::ipf_distance_transform_2d(field, label.data(), width, height, width, 2,
+                                toFg.data(), width, nullptr, 0);
+  ff::ipf_distance_transform_2d(field, label.data(), width, height, width, 1,
+                                toBg.data(), width, nullptr, 0);
   ff::ipf_release_distance_field(field);
   std::vector<long> widths;
-  const long bins = std::max<long>(
-      static_cast<long>(std::sqrt(static_cast<double>(w * w + h * h))), 1024);
-  for (int i = 0; i < w * h; ++i) {
+  const long bins =
+      std::max<long>(static_cast<long>(std::hypot(width, height)), 1024);
+  for (int i = 0; i < width * height; ++i) {
     const long n = (toFg[i] + toBg[i]) / 100;
     if (label[i] == 0 && n < bins) widths.push_back(n);
   }
@@ -364,29 +486,54 @@ void SmallImageReference(const Planes& p, std::vector<unsigned char>* fgOut,
   const long lower = std::min(longest, median);
   const long upper = std::min(longest, 5 * lower / 2) + 1;
 
-  for (int i = 0; i < w * h; ++i) {
-    if (label[i] != 0) continue;
-    const long n = (toFg[i] + toBg[i]) / 100;
-    const float g = n < lower ? 1.0f
-                    : n <= upper
-                        ? static_cast<float>(upper - n) / (upper - lower)
-                        : 0.0f;
-    const int alpha = p.Alpha(i % w, i / w);
-    const float a = alpha / 255.0f;
-    const float s = static_cast<float>(SReference(alpha, kLow, kHigh));
-    for (int c = 0; c < 3; ++c) {
-      const float img = p.Pixel(i % w, i / w)[c];
-      const float fs =
-          std::clamp((img - (1.0f - a) * bg[i * 3 + c]) / a, 0.0f, 255.0f);
-      fg[i * 3 + c] = static_cast<unsigned char>(static_cast<int>(
-          (1.0f - s) * img + s * (g * fg[i * 3 + c] + (1.0f - g) * fs)));
+  // The last level's planes, read at full-size coordinates (the level is
+  // larger than the image when a class is missing).
+  fgOut->assign(static_cast<size_t>(width) * height * 3, 0);
+  bgOut->assign(fgOut->size(), 0);
+  for (int y = 0; y < height; ++y) {
+    for (int x = 0; x < width; ++x) {
+      const int i = y * width + x;
+      const int at = cur.At(x, y) * 3;
+      std::copy_n(&cur.bg[at], 3, &(*bgOut)[i * 3]);
+      std::copy_n(&cur.fg[at], 3, &(*fgOut)[i * 3]);
+      if (label[i] != 0) continue;
+      const long n = (toFg[i] + toBg[i]) / 100;
+      const float g = n < lower    ? 1.0f
+                      : n <= upper ? static_cast<float>(upper - n) /
+                                         static_cast<float>(upper - lower)
+                                   : 0.0f;
+      const int alpha = p.Alpha(x, y);
+      const float a = alpha / 255.0f;
+      const float s = static_cast<float>(SReference(alpha, kLow, kHigh));
+      for (int c = 0; c < 3; ++c) {
+        const float img = p.Pixel(x, y)[c];
+        const float fs =
+            std::clamp((img - (1.0f - a) * cur.bg[at + c]) / a, 0.0f, 255.0f);
+        (*fgOut)[i * 3 + c] = static_cast<unsigned char>(static_cast<int>(
+            (1.0f - s) * img + s * (g * cur.fg[at + c] + (1.0f - g) * fs)));
+      }
     }
   }
-  *fgOut = fg;
-  *bgOut = bg;
 }
 
-TEST(EstimateFbColor, SmallImagesMatchRingSearchAndCompositeReference) {
+void ExpectMatchesReference(const Planes& p) {
+  std::vector<unsigned char> wantFg, wantBg;
+  PyramidReference(p, &wantFg, &wantBg);
+  const Outputs out = Estimate(p);
+  for (int y = 0; y < p.height; ++y) {
+    for (int x = 0; x < p.width; ++x) {
+      for (int c = 0; c < 3; ++c) {
+        ASSERT_EQ(out.B(x, y)[c], wantBg[(y * p.width + x) * 3 + c])
+            << p.width << "x" << p.height << " at " << x << "," << y;
+        ASSERT_EQ(out.F(x, y)[c], wantFg[(y * p.width + x) * 3 + c])
+            << p.width << "x" << p.height << " at " << x << "," << y
+            << " alpha " << int(p.Alpha(x, y));
+      }
+    }
+  }
+}
+
+TEST(EstimateFbColor, SmallImagesMatchTheReference) {
   std::mt19937 rng(2026);
   // Few colours make equal composite errors common: the first candidate in
   // ring order must win them.
@@ -418,22 +565,38 @@ TEST(EstimateFbColor, SmallImagesMatchRingSearchAndCompositeReference) {
       // Both classes must be there, or the image is solved at twice its size.
       p.alpha[0] = 0;
       p.alpha[1] = 255;
-      std::vector<unsigned char> wantFg, wantBg;
-      SmallImageReference(p, &wantFg, &wantBg);
-      const Outputs out = Estimate(p);
-      for (int y = 0; y < height; ++y) {
-        for (int x = 0; x < width; ++x) {
-          for (int c = 0; c < 3; ++c) {
-            ASSERT_EQ(out.B(x, y)[c], wantBg[(y * width + x) * 3 + c])
-                << width << "x" << height << " at " << x << "," << y;
-            ASSERT_EQ(out.F(x, y)[c], wantFg[(y * width + x) * 3 + c])
-                << width << "x" << height << " at " << x << "," << y
-                << " alpha " << int(p.Alpha(x, y));
-          }
-        }
-      }
+      ExpectMatchesReference(p);
     }
   }
+}
+
+TEST(EstimateFbColor, LevelsMatchTheReferencePyramid) {
+  // Bands wide enough to be solved a level or two down, with specks of
+  // unknown inside the known areas: all four coarse neighbours belong to
+  // the other layer there.
+  for (const auto& [width, height, ramp] :
+       std::vector<std::tuple<int, int, double>>{
+           {70, 50, 6.0}, {151, 119, 16.0}, {97, 61, 12.0}}) {
+    Planes p = DiscScene(width, height, 900 + width);
+    std::mt19937 rng(width);
+    for (int y = 0; y < height; ++y) {
+      for (int x = 0; x < width; ++x) {
+        const double d = std::hypot(x - 0.45 * width, y - 0.55 * height) -
+                         0.3 * std::min(width, height);
+        unsigned char& a = p.alpha[y * p.alphaStride + x];
+        a = static_cast<unsigned char>(
+            std::lround(std::clamp(0.5 - d / ramp, 0.0, 1.0) * 255));
+        if (rng() % 50 == 0) a = static_cast<unsigned char>(1 + rng() % 253);
+      }
+    }
+    ExpectMatchesReference(p);
+  }
+  // No background at all: the work is done on a level of twice the size,
+  // whose planes the outputs read at full-size coordinates, so that even
+  // known pixels show the photo at ((x + 1) / 2, (y + 1) / 2).
+  Planes p = DiscScene(23, 19, 5);
+  for (auto& a : p.alpha) a = std::max<unsigned char>(a, 1);
+  ExpectMatchesReference(p);
 }
 
 // A composite with known layers: smooth colourful foreground and background
