@@ -1,5 +1,6 @@
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstddef>
 #include <cstring>
@@ -141,7 +142,9 @@ void BM_DistanceTransform(benchmark::State& state) {
       DPLMatting_MakeDTInput(mask.data(), kWidth, kHeight, kWidth));
   std::unique_ptr<float[]> grid(new float[mask.size()]);
   for (auto _ : state) {
+    state.PauseTiming();  // the transform works in place: fresh input
     std::memcpy(grid.get(), input.get(), sizeof(float) * mask.size());
+    state.ResumeTiming();
     DistanceTransform(grid.get(), kWidth, kHeight);
     benchmark::DoNotOptimize(grid.get());
   }
@@ -226,6 +229,24 @@ void BM_TrimapStageContrast(benchmark::State& state) {
   state.counters["boundary_pixels"] = static_cast<double>(points);
 }
 BENCHMARK(BM_TrimapStageContrast)->Unit(benchmark::kMillisecond);
+
+// Largest inner distance per component, from labels and distances.
+void BM_TrimapStageThickness(benchmark::State& state) {
+  const Prepared& s = PersonScene();
+  std::unique_ptr<float[]> dist(
+      DPLMatting_MakeDTInput(s.mask.data(), kWidth, kHeight, kWidth));
+  DistanceTransform(dist.get(), kWidth, kHeight);
+  std::vector<double> thickness(s.count);
+  for (auto _ : state) {
+    std::fill(thickness.begin(), thickness.end(), 0.0);
+    for (size_t i = 0; i < s.mask.size(); ++i) {
+      double& t = thickness[s.labels[i]];
+      if (t < dist[i]) t = dist[i];
+    }
+    benchmark::DoNotOptimize(thickness.data());
+  }
+}
+BENCHMARK(BM_TrimapStageThickness)->Unit(benchmark::kMillisecond);
 
 // Copy of the mask plus the 128 windows of the image-less builder.
 void BM_TrimapStagePaint(benchmark::State& state) {
