@@ -85,7 +85,6 @@ struct LaneSearch {
   int weight[kLanes];
 
   void Run() {
-    float largest = 0.0f;
     for (int k = 0; k < kCount; ++k) {
       for (int l = 0; l < kLanes; ++l) {
         const float s0 = p[k][0] - c[0][l];
@@ -93,26 +92,38 @@ struct LaneSearch {
         const float s2 = p[k][2] - c[2][l];
         // +1 keeps every sum of two distances positive.
         d[k][l] = s0 * s0 + s1 * s1 + s2 * s2 + 1.0f;
-        largest = d[k][l] > largest ? d[k][l] : largest;
       }
     }
     // Below 8192 the quotient's distance to the next integer exceeds half
     // its spacing, so rounding the division cannot carry it up.
-    if (largest < 4096.0f) {
+    int far = 0;
+    for (int k = 0; k < kCount; ++k) {
+      for (int l = 0; l < kLanes; ++l) far += d[k][l] >= 4096.0f;
+    }
+    if (far == 0) {
       Scan<false>();
     } else {
       Scan<true>();
     }
+    float di[kLanes], dj[kLanes];
     for (int l = 0; l < kLanes; ++l) {
-      const int t = static_cast<int>(best[l]) & 63;
-      const int di = static_cast<int>(d[kList.first[t]][l]);
-      const int dj = static_cast<int>(d[kList.second[t]][l]);
-      pair[l] = t;
-      weight[l] = kOne * dj / (di + dj);
+      pair[l] = static_cast<int>(best[l]) & 63;
+      di[l] = d[kList.first[pair[l]]][l];
+      dj[l] = d[kList.second[pair[l]]][l];
     }
+    for (int l = 0; l < kLanes; ++l) weight[l] = Weight(di[l], dj[l]);
   }
 
  private:
+  // floor(4096 * dj / (di + dj)): the rounded quotient may have reached the
+  // next integer, which one exact integer check takes back.
+  static int Weight(float di, float dj) {
+    int w = static_cast<int>(dj * 4096.0f / (di + dj));
+    const int i = static_cast<int>(di);
+    const int j = static_cast<int>(dj);
+    return w - (w * (i + j) > (j << kShift));
+  }
+
   // floor(x) for x >= 0 on the 2^-12 grid: moved off the half-way points
   // and added to 1.5 * 2^26, where floats are exactly 8 apart. Everything is
   // scaled by 8 so that the squares come out as 64 times the error.
@@ -144,17 +155,8 @@ struct LaneSearch {
       const float tag = static_cast<float>(t);
       for (int l = 0; l < kLanes; ++l) {
         const float q = num[j][l] / (d[i][l] + d[j][l]);
-        float w;
-        if (kCorrect) {
-          // The rounded quotient may have reached the next integer.
-          int wi = static_cast<int>(q);
-          const int di = static_cast<int>(d[i][l]);
-          const int dj = static_cast<int>(d[j][l]);
-          wi -= wi * (di + dj) > (dj << kShift);
-          w = static_cast<float>(wi);
-        } else {
-          w = static_cast<float>(static_cast<int>(q));
-        }
+        const float w = static_cast<float>(kCorrect ? Weight(d[i][l], d[j][l])
+                                                    : static_cast<int>(q));
         const float e0 = ((a[0] * w + b[0]) + kMagic) - target[0][l];
         const float e1 = ((a[1] * w + b[1]) + kMagic) - target[1][l];
         const float e2 = ((a[2] * w + b[2]) + kMagic) - target[2][l];
@@ -242,9 +244,10 @@ void SearchRows(const unsigned char* img, int width, int imgStride,
             loaded = true;
           }
           const unsigned char* px = row + static_cast<ptrdiff_t>(x) * kBytes;
-          for (int ch = 0; ch < 4; ++ch) {
-            search.c[ch][lanes] = ch < kBytes ? px[ch] : 0.0f;
-          }
+          search.c[0][lanes] = px[0];
+          search.c[1][lanes] = px[1];
+          search.c[2][lanes] = px[2];
+          search.c[3][lanes] = kBytes == 4 ? px[kBytes - 1] : 0.0f;
           laneX[lanes] = x;
           laneY[lanes] = y;
           if (++lanes == kLanes) flush();
