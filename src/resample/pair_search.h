@@ -69,10 +69,10 @@ struct PairList {
 // arithmetic on every lane, which plain loops turn into vector code.
 constexpr int kLanes = 16;
 
-// Every quantity of the search is an integer or a multiple of 2^-13 below
-// 2^24 in magnitude, so single precision holds it exactly and vector code
-// gives the integer results bit for bit. Only the weight's division rounds,
-// and that is checked where it matters.
+// Every quantity of the search is an integer, or a binary fraction short
+// enough, to fit the 24-bit significand of a float, so single precision holds
+// it exactly and vector code gives the integer results bit for bit. Only the
+// weight's division rounds, and that is checked where it matters.
 template <int kCount, int kErr>
 struct LaneSearch {
   static constexpr PairList<kCount> kList{};
@@ -94,8 +94,9 @@ struct LaneSearch {
         d[k][l] = s0 * s0 + s1 * s1 + s2 * s2 + 1.0f;
       }
     }
-    // Below 8192 the quotient's distance to the next integer exceeds half
-    // its spacing, so rounding the division cannot carry it up.
+    // With every distance below 4096 their sums stay below 8192; a quotient
+    // under 4096 is then further from the next integer than half its float
+    // spacing, so rounding the division cannot carry it up.
     int far = 0;
     for (int k = 0; k < kCount; ++k) {
       for (int l = 0; l < kLanes; ++l) far += d[k][l] >= 4096.0f;
@@ -168,7 +169,7 @@ struct LaneSearch {
         const float key = e + tag;
         best[l] = key < best[l] ? key : best[l];
       }
-      // An exact blend on every lane ends the search: later pairs only tie.
+      // An exact blend on every lane ends the search: later pairs cannot win.
       // Checked now and then, as it rarely happens on every lane.
       if (t % 4 != 3) continue;
       int exact = 0;
