@@ -329,22 +329,29 @@ TEST(UsamUpdateWeights, FillsOnlyHolesUnderTheMaskValue) {
       const unsigned char values[] = {0, 127, 128, 129, 255};
       for (auto& m : mask) m = values[rng() % 5];
       const Table before(s.width, s.height, rng);
-      Table got = before;
-      usam_update_weights(img.data.data(), s.width, s.height, img.stride,
-                          mask.data(), maskStride, 128, low.data.data(),
-                          s.lowWidth, s.lowHeight, low.stride, got.idx.data(),
-                          got.idxStride, got.wts.data(), got.wtsStride);
-      SCOPED_TRACE(testing::Message() << s.width << "x" << s.height);
-      for (int y = 0; y < s.height; ++y) {
-        for (int x = 0; x < s.width; ++x) {
-          const bool filled =
-              mask[static_cast<size_t>(y) * maskStride + x] == 128 &&
-              before.first(x, y) < 0;
-          ExpectEntry(got, before, x, y, filled,
-                      filled ? ReferenceEntry(img, low, x, y, 3, 3) : Entry{});
+      // Without a mask every hole is filled.
+      for (const bool masked : {true, false}) {
+        Table got = before;
+        usam_update_weights(img.data.data(), s.width, s.height, img.stride,
+                            masked ? mask.data() : nullptr, maskStride, 128,
+                            low.data.data(), s.lowWidth, s.lowHeight,
+                            low.stride, got.idx.data(), got.idxStride,
+                            got.wts.data(), got.wtsStride);
+        SCOPED_TRACE(testing::Message()
+                     << s.width << "x" << s.height << " masked " << masked);
+        for (int y = 0; y < s.height; ++y) {
+          for (int x = 0; x < s.width; ++x) {
+            const bool filled =
+                (!masked ||
+                 mask[static_cast<size_t>(y) * maskStride + x] == 128) &&
+                before.first(x, y) < 0;
+            ExpectEntry(
+                got, before, x, y, filled,
+                filled ? ReferenceEntry(img, low, x, y, 3, 3) : Entry{});
+          }
         }
+        ExpectTablePadding(got, before);
       }
-      ExpectTablePadding(got, before);
     }
   }
 }
