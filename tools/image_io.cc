@@ -1,0 +1,235 @@
+#include "image_io.h"
+
+// clang-format off
+#include <stdio.h>  // jpeglib.h uses FILE and size_t without declaring them
+#include <jpeglib.h>
+#include <jerror.h>
+// clang-format on
+#include <png.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csetjmp>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace softmatte_tool {
+namespace {
+
+// The temporary file being written, removed if the run is interrupted; a
+// plain array because the signal handler may only make async-signal-safe
+// calls.
+char pending_temp[4096];
+
+extern "C" void RemovePendingAndDie(int signal_number) {
+  if (pending_temp[0] != '\0') unlink(pending_temp);
+  std::signal(signal_number, SIG_DFL);
+  std::raise(signal_number);
+}
+
+void GuardInterrupts() {
+  static bool installed = false;
+  if (installed) return;
+  installed = true;
+  for (int s : {SIGINT, SIGTERM, SIGHUP}) std::signal(s, RemovePendingAndDie);
+}
+
+std::string SystemReason() { return std::strerror(errno); }
+
+bool ReadPng(FILE* file, const std::string& path, Layout layout, Picture* out,
+             std::string* error) {
+  png_image image;
+  std::memset(&image, 0, sizeof image);
+  image.version = PNG_IMAGE_VERSION;
+  if (!png_image_begin_read_from_stdio(&image, file)) {
+    *error = "cannot decode " + path + ": " + image.message;
+    return false;
+  }
+  switch (layout) {
+    case Layout::kGrey:
+      image.format = PNG_FORMAT_GRAY;
+      break;
+    case Layout::kBgr:
+      image.format = PNG_FORMAT_BGR;
+      break;
+    case Layout::kBgra:
+      image.format = PNG_FORMAT_BGRA;
+      break;
+    case Layout::kRgba:
+      image.format = PNG_FORMAT_RGBA;
+      break;
+  }
+  out->width = static_cast<int>(image.width);
+  out->height = static_cast<int>(image.height);
+  out->channels = ChannelsOf(layout);
+  out->pixels.resize(PNG_IMAGE_SIZE(image));
+  if (!png_image_finish_read(&image, nullptr, out->pixels.data(), 0, nullptr)) {
+    *error = "cannot decode " + path + ": " + image.message;
+    png_image_free(&image);
+    return false;
+  }
+  return true;
+}
+
+struct JpegFailure {
+  jpeg_error_mgr manager;
+  std::jmp_buf jump;
+  char message[JMSG_LENGTH_MAX];
+};
+
+extern "C" void JpegFail(j_common_ptr info) {
+  auto* failure = reinterpret_cast<JpegFailure*>(info->err);
+  info->err->format_message(info, failure->message);
+  std::longjmp(failure->jump, 1);
+}
+
+// A truncated file only raises a warning in libjpeg and decodes to grey
+// rows; for this tool that is an undecodable photo, not a result.
+extern "C" void JpegWarn(j_common_ptr info, int level) {
+  if (level < 0 && info->err->msg_code == JWRN_JPEG_EOF) JpegFail(info);
+}
+
+bool ReadJpeg(FILE* file, const std::string& path, Layout layout, Picture* out,
+              std::string* error) {
+  jpeg_decompress_struct info;
+  JpegFailure failure;
+  info.err = jpeg_std_error(&failure.manager);
+  failure.manager.error_exit = JpegFail;
+  failure.manager.emit_message = JpegWarn;
+  // Everything that must outlive a longjmp is declared above this line and
+  // has a trivial destructor, apart from out, which belongs to the caller.
+  if (setjmp(failure.jump)) {
+    jpeg_destroy_decompress(&info);
+    *error = "cannot decode " + path + ": " + failure.message;
+    return false;
+  }
+  jpeg_create_decompress(&info);
+  jpeg_stdio_src(&info, file);
+  jpeg_read_header(&info, TRUE);
+  const bool grey = layout == Layout::kGrey;
+  info.out_color_space = grey                      ? JCS_GRAYSCALE
+                         : layout == Layout::kBgr  ? JCS_EXT_BGR
+                         : layout == Layout::kBgra ? JCS_EXT_BGRA
+                                                   : JCS_EXT_RGBA;
+  jpeg_start_decompress(&info);
+  out->width = static_cast<int>(info.output_width);
+  out->height = static_cast<int>(info.output_height);
+  out->channels = ChannelsOf(layout);
+  const size_t row = static_cast<size_t>(out->width) * out->channels;
+  out->pixels.resize(row * out->height);
+  while (info.output_scanline < info.output_height) {
+    JSAMPROW rows[1] = {out->pixels.data() + row * info.output_scanline};
+    jpeg_read_scanlines(&info, rows, 1);
+  }
+  jpeg_finish_decompress(&info);
+  jpeg_destroy_decompress(&info);
+  return true;
+}
+
+}  // namespace
+
+int ChannelsOf(Layout layout) {
+  switch (layout) {
+    case Layout::kGrey:
+      return 1;
+    case Layout::kBgr:
+      return 3;
+    default:
+      return 4;
+  }
+}
+
+bool ReadPicture(const std::string& path, Layout layout, Picture* out,
+                 std::string* error) {
+  FILE* file = std::fopen(path.c_str(), "rb");
+  if (!file) {
+    *error = "cannot read " + path + ": " + SystemReason();
+    return false;
+  }
+  unsigned char magic[8] = {};
+  const size_t got = std::fread(magic, 1, sizeof magic, file);
+  if (std::ferror(file)) {
+    *error = "cannot read " + path + ": " + SystemReason();
+    std::fclose(file);
+    return false;
+  }
+  std::rewind(file);
+  bool ok = false;
+  if (got == 8 && png_sig_cmp(magic, 0, 8) == 0) {
+    ok = ReadPng(file, path, layout, out, error);
+  } else if (got >= 3 && magic[0] == 0xFF && magic[1] == 0xD8 &&
+             magic[2] == 0xFF) {
+    ok = ReadJpeg(file, path, layout, out, error);
+  } else {
+    *error = "cannot decode " + path + ": not a PNG or JPEG image";
+  }
+  std::fclose(file);
+  if (ok && (out->width < 1 || out->height < 1)) {
+    *error = "cannot decode " + path + ": the image is empty";
+    ok = false;
+  }
+  return ok;
+}
+
+bool WritePngAtomically(const std::string& path, const Picture& picture,
+                        Layout layout, std::string* error) {
+  GuardInterrupts();
+  const size_t slash = path.find_last_of('/');
+  const std::string folder =
+      slash == std::string::npos ? std::string() : path.substr(0, slash + 1);
+  const std::string base =
+      slash == std::string::npos ? path : path.substr(slash + 1);
+  // A dot name that does not end in .png: nothing mistakes it for a result.
+  std::string temp = folder + "." + base + ".XXXXXX";
+  if (temp.size() >= sizeof pending_temp) {
+    *error = "cannot write " + path + ": path too long";
+    return false;
+  }
+  std::memcpy(pending_temp, temp.c_str(), temp.size() + 1);
+  const int fd = mkstemp(pending_temp);
+  if (fd < 0) {
+    *error = "cannot write " + path + ": " + SystemReason();
+    pending_temp[0] = '\0';
+    return false;
+  }
+  temp = pending_temp;
+  // mkstemp makes the file private; results get the usual umask-based mode.
+  const mode_t umask_bits = umask(0);
+  umask(umask_bits);
+  fchmod(fd, 0666 & ~umask_bits);
+  FILE* file = fdopen(fd, "wb");
+  png_image image;
+  std::memset(&image, 0, sizeof image);
+  image.version = PNG_IMAGE_VERSION;
+  image.width = static_cast<png_uint_32>(picture.width);
+  image.height = static_cast<png_uint_32>(picture.height);
+  image.format = layout == Layout::kGrey   ? PNG_FORMAT_GRAY
+                 : layout == Layout::kBgr  ? PNG_FORMAT_BGR
+                 : layout == Layout::kBgra ? PNG_FORMAT_BGRA
+                                           : PNG_FORMAT_RGBA;
+  bool ok = file && png_image_write_to_stdio(&image, file, 0,
+                                             picture.pixels.data(), 0, nullptr);
+  std::string reason = file ? image.message : SystemReason();
+  if (file) {
+    ok = ok && std::fflush(file) == 0 && fsync(fileno(file)) == 0;
+    if (!ok && reason.empty()) reason = SystemReason();
+    ok = std::fclose(file) == 0 && ok;
+  } else {
+    close(fd);
+  }
+  if (ok && std::rename(temp.c_str(), path.c_str()) != 0) {
+    reason = SystemReason();
+    ok = false;
+  }
+  if (!ok) {
+    unlink(temp.c_str());
+    *error = "cannot write " + path + ": " + reason;
+  }
+  pending_temp[0] = '\0';
+  return ok;
+}
+
+}  // namespace softmatte_tool

@@ -1,0 +1,431 @@
+// softmatte: a finished cut-out (alpha, foreground, composite) from a photo
+// and a rough mask, trimap or scribbles. See the README for the options.
+
+#include <sys/stat.h>
+
+#include <cctype>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "cutout.h"
+#include "image_io.h"
+#include "softmatte/ff/ipf.h"
+
+namespace softmatte_tool {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr int kBadInput = 2;
+constexpr int kCannotWrite = 1;
+constexpr unsigned char kMidGrey = 128;
+
+const char kUsage[] =
+    "usage: softmatte [demo] [-o DIR] [--verbose]\n"
+    "       softmatte cutout PHOTO (--mask MASK | --trimap TRIMAP |"
+    " --scribbles SCRIBBLES)\n"
+    "                 [--work-size N] [--band MAX,SCALE]"
+    " [--background IMAGE | --colour RRGGBB]\n"
+    "                 [-o DIR] [--verbose]\n";
+
+// Carries the one line a bad input earns.
+struct Failure {
+  int status;
+  std::string message;
+};
+
+struct Arguments {
+  bool demo = false;
+  std::string photo;
+  std::string mask;
+  std::string trimap;
+  std::string scribbles;
+  std::string background;
+  unsigned char colour[3] = {255, 255, 255};  // B, G, R
+  std::string output = "softmatte-out";
+  bool verbose = false;
+  CutoutSettings settings;
+};
+
+bool ParseInt(const std::string& text, long* value) {
+  if (text.empty()) return false;
+  char* end = nullptr;
+  errno = 0;
+  *value = std::strtol(text.c_str(), &end, 10);
+  return errno == 0 && *end == '\0';
+}
+
+bool ParseColour(const std::string& text, unsigned char bgr[3]) {
+  std::string hex = text[0] == '#' ? text.substr(1) : text;
+  if (hex.size() != 6) return false;
+  for (char c : hex) {
+    if (!std::isxdigit(static_cast<unsigned char>(c))) return false;
+  }
+  const unsigned long rgb = std::strtoul(hex.c_str(), nullptr, 16);
+  bgr[0] = static_cast<unsigned char>(rgb & 0xFF);
+  bgr[1] = static_cast<unsigned char>((rgb >> 8) & 0xFF);
+  bgr[2] = static_cast<unsigned char>((rgb >> 16) & 0xFF);
+  return true;
+}
+
+bool ParseBand(const std::string& text, CutoutSettings* settings) {
+  const size_t comma = text.find(',');
+  long max_band = 0;
+  if (!ParseInt(text.substr(0, comma), &max_band) || max_band < 0 ||
+      max_band > 10000) {
+    return false;
+  }
+  if (comma != std::string::npos) {
+    const std::string scale = text.substr(comma + 1);
+    char* end = nullptr;
+    const double value = std::strtod(scale.c_str(), &end);
+    if (scale.empty() || *end != '\0' || !(value > 0.0 && value <= 100.0)) {
+      return false;
+    }
+    settings->band_scale = value;
+  }
+  settings->max_band = static_cast<int>(max_band);
+  return true;
+}
+
+Failure Bad(const std::string& message) { return {kBadInput, message}; }
+
+// Fills args from argv; false with failure set on a usage error.
+bool Parse(int argc, char** argv, Arguments* args, Failure* failure) {
+  std::vector<std::string> words(argv + 1, argv + argc);
+  size_t i = 0;
+  if (words.empty() || words[0] == "demo") {
+    args->demo = true;
+    i = words.empty() ? 0 : 1;
+  } else if (words[0] == "cutout") {
+    i = 1;
+  } else if (words[0] != "-o" && words[0] != "--verbose") {
+    *failure = Bad("unknown command '" + words[0] +
+                   "' (try 'softmatte cutout' or 'softmatte demo')");
+    return false;
+  } else {
+    args->demo = true;
+  }
+  bool have_colour = false;
+  for (; i < words.size(); ++i) {
+    const std::string& flag = words[i];
+    if (flag == "--verbose" || flag == "-v") {
+      args->verbose = true;
+      continue;
+    }
+    if (flag.empty() || flag[0] != '-') {
+      if (args->demo || !args->photo.empty()) {
+        *failure = Bad("unexpected argument '" + flag + "'");
+        return false;
+      }
+      args->photo = flag;
+      continue;
+    }
+    const bool takes_value =
+        flag == "-o" || flag == "--work-size" || flag == "--band" ||
+        flag == "--background" || flag == "--colour" || flag == "--color" ||
+        flag == "--mask" || flag == "--trimap" || flag == "--scribbles";
+    if (!takes_value) {
+      *failure = Bad("unknown option '" + flag + "'");
+      return false;
+    }
+    if (i + 1 >= words.size() || words[i + 1].rfind("--", 0) == 0) {
+      *failure = Bad(flag + " needs a value");
+      return false;
+    }
+    const std::string& value = words[++i];
+    if (args->demo &&
+        (flag == "--mask" || flag == "--trimap" || flag == "--scribbles")) {
+      *failure = Bad("demo uses its own sample; give " + flag +
+                     " to 'softmatte cutout PHOTO'");
+      return false;
+    }
+    if (flag == "-o") {
+      args->output = value;
+    } else if (flag == "--work-size") {
+      long n = 0;
+      if (!ParseInt(value, &n)) {
+        *failure = Bad("--work-size needs a whole number, not '" + value + "'");
+        return false;
+      }
+      if (n < kMinWorkSize || n > 1000000) {
+        *failure =
+            Bad("--work-size must be at least " + std::to_string(kMinWorkSize) +
+                " (and at most 1000000)" + ", not " + value);
+        return false;
+      }
+      args->settings.work_size = static_cast<int>(n);
+    } else if (flag == "--band") {
+      if (!ParseBand(value, &args->settings)) {
+        *failure =
+            Bad("--band needs MAX[,SCALE] with MAX a whole number >= 0"
+                " and 0 < SCALE <= 100, not '" +
+                value + "'");
+        return false;
+      }
+    } else if (flag == "--background") {
+      args->background = value;
+    } else if (flag == "--colour" || flag == "--color") {
+      if (!ParseColour(value, args->colour)) {
+        *failure =
+            Bad(flag + " needs six hex digits RRGGBB, not '" + value + "'");
+        return false;
+      }
+      have_colour = true;
+    } else if (flag == "--mask") {
+      args->mask = value;
+    } else if (flag == "--trimap") {
+      args->trimap = value;
+    } else {
+      args->scribbles = value;
+    }
+  }
+  if (have_colour && !args->background.empty()) {
+    *failure = Bad("give either --background or --colour, not both");
+    return false;
+  }
+  const int sources =
+      !args->mask.empty() + !args->trimap.empty() + !args->scribbles.empty();
+  if (!args->demo && args->photo.empty()) {
+    *failure = Bad("cutout needs a photo: softmatte cutout PHOTO --mask MASK");
+    return false;
+  }
+  if (!args->demo && sources != 1) {
+    *failure =
+        Bad(sources == 0 ? "cutout needs one of --mask, --trimap or --scribbles"
+                         : "give only one of --mask, --trimap and --scribbles");
+    return false;
+  }
+  return true;
+}
+
+// Where the bundled sample lives: installed beside the program's data, or
+// in the source tree of a build that was not installed.
+std::string SampleDir() {
+  if (const char* dir = std::getenv("SOFTMATTE_SAMPLE_DIR")) return dir;
+  for (const char* dir :
+       {SOFTMATTE_INSTALLED_SAMPLE_DIR, SOFTMATTE_SOURCE_SAMPLE_DIR}) {
+    std::error_code ignored;
+    if (fs::exists(fs::path(dir) / "chelsea.png", ignored)) return dir;
+  }
+  return SOFTMATTE_SOURCE_SAMPLE_DIR;
+}
+
+bool Load(const std::string& path, Layout layout, Picture* picture,
+          Failure* failure) {
+  std::string error;
+  if (ReadPicture(path, layout, picture, &error)) return true;
+  *failure = Bad(error);
+  return false;
+}
+
+bool CheckSize(const Picture& picture, const Picture& photo,
+               const std::string& what, const std::string& path,
+               Failure* failure) {
+  if (picture.width == photo.width && picture.height == photo.height) {
+    return true;
+  }
+  *failure =
+      Bad(what + " " + path + " is " + std::to_string(picture.width) + "x" +
+          std::to_string(picture.height) + " but the photo is " +
+          std::to_string(photo.width) + "x" + std::to_string(photo.height));
+  return false;
+}
+
+// True when writing to out would replace the file at input.
+bool SameFile(const fs::path& out, const std::string& input) {
+  std::error_code error;
+  return !input.empty() && fs::equivalent(out, input, error) && !error;
+}
+
+int Run(int argc, char** argv) {
+  Arguments args;
+  Failure failure{0, ""};
+  const auto fail = [&failure]() {
+    std::fprintf(stderr, "softmatte: %s\n", failure.message.c_str());
+    return failure.status;
+  };
+  if (argc > 1 && (std::strcmp(argv[1], "--help") == 0 ||
+                   std::strcmp(argv[1], "-h") == 0)) {
+    std::fputs(kUsage, stdout);
+    return 0;
+  }
+  if (!Parse(argc, argv, &args, &failure)) return fail();
+  if (args.demo) {
+    const std::string dir = SampleDir();
+    args.photo = dir + "/chelsea.png";
+    args.mask = dir + "/chelsea_mask.png";
+  }
+
+  StageClock clock(args.verbose);
+  clock.Start("reading inputs");
+  Picture photo;
+  if (!Load(args.photo, Layout::kBgr, &photo, &failure)) return fail();
+  const int width = photo.width;
+  const int height = photo.height;
+
+  std::vector<unsigned char> trimap;
+  if (!args.trimap.empty()) {
+    Picture given;
+    if (!Load(args.trimap, Layout::kGrey, &given, &failure) ||
+        !CheckSize(given, photo, "trimap", args.trimap, &failure)) {
+      return fail();
+    }
+    // Tolerant of JPEG noise: dark is background, bright is foreground,
+    // anything in between is unknown.
+    bool any_subject = false;
+    for (unsigned char& v : given.pixels) {
+      v = v < 64 ? 0 : v > 191 ? 255 : kMidGrey;
+      any_subject = any_subject || v != 0;
+    }
+    if (!any_subject) {
+      failure =
+          Bad("trimap " + args.trimap + " has no foreground or unknown pixels");
+      return fail();
+    }
+    trimap.swap(given.pixels);
+  } else {
+    std::vector<unsigned char> mask;
+    if (!args.scribbles.empty()) {
+      Picture strokes;
+      if (!Load(args.scribbles, Layout::kBgra, &strokes, &failure) ||
+          !CheckSize(strokes, photo, "scribbles", args.scribbles, &failure)) {
+        return fail();
+      }
+      std::vector<unsigned char> labels;
+      long foreground = 0;
+      long background = 0;
+      ScribbleLabels(strokes.pixels, width, height, &labels, &foreground,
+                     &background);
+      if (foreground == 0 || background == 0) {
+        failure =
+            Bad("scribbles " + args.scribbles + " have no " +
+                (foreground == 0 ? "red (foreground)" : "blue (background)") +
+                " strokes");
+        return fail();
+      }
+      std::vector<unsigned char>().swap(strokes.pixels);
+      clock.Start("scribbles (geodesic segmentation)");
+      MaskFromLabels(photo.pixels, width, height, labels, &mask);
+    } else {
+      Picture given;
+      if (!Load(args.mask, Layout::kGrey, &given, &failure) ||
+          !CheckSize(given, photo, "mask", args.mask, &failure)) {
+        return fail();
+      }
+      bool any_subject = false;
+      for (unsigned char& v : given.pixels) {
+        v = v >= kMidGrey ? 255 : 0;
+        any_subject = any_subject || v != 0;
+      }
+      if (!any_subject) {
+        failure = Bad("mask " + args.mask +
+                      " has no foreground (no pixel is mid-grey or brighter)");
+        return fail();
+      }
+      mask.swap(given.pixels);
+    }
+    clock.Start("trimap");
+    TrimapFromMask(mask, width, height, args.settings, &trimap);
+  }
+
+  std::vector<unsigned char> backdrop;
+  if (!args.background.empty()) {
+    Picture given;
+    if (!Load(args.background, Layout::kBgr, &given, &failure)) return fail();
+    backdrop.resize(photo.pixels.size());
+    // Stretched to the photo: a backdrop rarely has the photo's exact size.
+    ff::ipf_resize_bl<unsigned char, unsigned char>(
+        given.pixels.data(), given.width, given.height, 3 * given.width, 3,
+        backdrop.data(), width, height, 3 * width, 3, 3);
+  } else {
+    backdrop.resize(photo.pixels.size());
+    for (size_t i = 0; i < backdrop.size(); ++i) {
+      backdrop[i] = args.colour[i % 3];
+    }
+  }
+
+  const fs::path folder(args.output);
+  const char* names[] = {"alpha.png", "foreground.png", "composite.png"};
+  for (const char* name : names) {
+    for (const std::string* input : {&args.photo, &args.mask, &args.trimap,
+                                     &args.scribbles, &args.background}) {
+      if (SameFile(folder / name, *input)) {
+        failure = Bad("writing " + (folder / name).string() +
+                      " would overwrite the input " + *input +
+                      "; choose another output folder with -o");
+        return fail();
+      }
+    }
+  }
+  std::error_code folder_error;
+  if (fs::exists(folder, folder_error) && !fs::is_directory(folder)) {
+    failure = Bad("output " + args.output + " exists and is not a folder");
+    return fail();
+  }
+
+  std::vector<unsigned char> alpha;
+  std::vector<unsigned char> colours;
+  MakeCutout(&photo.pixels, width, height, trimap, args.settings, &clock,
+             &alpha, &colours);
+  std::vector<unsigned char>().swap(trimap);
+
+  clock.Start("writing outputs");
+  fs::create_directories(folder, folder_error);
+  if (folder_error) {
+    std::fprintf(stderr, "softmatte: cannot create %s: %s\n",
+                 args.output.c_str(), folder_error.message().c_str());
+    return kCannotWrite;
+  }
+  std::string error;
+  Picture out;
+  out.width = width;
+  out.height = height;
+  out.channels = 1;
+  out.pixels.swap(alpha);
+  if (!WritePngAtomically((folder / names[0]).string(), out, Layout::kGrey,
+                          &error)) {
+    std::fprintf(stderr, "softmatte: %s\n", error.c_str());
+    return kCannotWrite;
+  }
+  alpha.swap(out.pixels);
+
+  Composite(colours, alpha, backdrop, &backdrop);
+  out.channels = 3;
+  out.pixels.swap(backdrop);
+  if (!WritePngAtomically((folder / names[2]).string(), out, Layout::kBgr,
+                          &error)) {
+    std::fprintf(stderr, "softmatte: %s\n", error.c_str());
+    return kCannotWrite;
+  }
+  std::vector<unsigned char>().swap(out.pixels);
+
+  out.channels = 4;
+  out.pixels.resize(4 * alpha.size());
+  for (size_t i = 0; i < alpha.size(); ++i) {
+    std::memcpy(&out.pixels[4 * i], &colours[3 * i], 3);
+    out.pixels[4 * i + 3] = alpha[i];
+  }
+  std::vector<unsigned char>().swap(colours);
+  if (!WritePngAtomically((folder / names[1]).string(), out, Layout::kBgra,
+                          &error)) {
+    std::fprintf(stderr, "softmatte: %s\n", error.c_str());
+    return kCannotWrite;
+  }
+  clock.Stop();
+  std::fflush(stdout);
+  std::printf("\nsoftmatte: wrote %s, %s and %s in %s\n", names[0], names[1],
+              names[2], fs::absolute(folder).lexically_normal().c_str());
+  return 0;
+}
+
+}  // namespace
+}  // namespace softmatte_tool
+
+int main(int argc, char** argv) { return softmatte_tool::Run(argc, argv); }
