@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cstddef>
 #include <cstring>
 #include <memory>
@@ -131,8 +132,13 @@ int find_zero(const float* f, int p, int n) {
 // parabolas start beyond 1e16 and never own a sample (and with no zero at
 // all, kFar + r^2 == kFar).
 void split_at_zeros(float* f, int n, Envelope& e) {
-  int p = skip_run(f, 0, n, 0.0f);
-  while (p < n) {
+  int p = 0;
+  for (;;) {
+    // A source's own result is f + 0, which turns -0 into +0.
+    const int zeros_end = skip_run(f, p, n, 0.0f);
+    std::fill(f + p, f + zeros_end, 0.0f);
+    p = zeros_end;
+    if (p == n) break;
     int stop = skip_run(f, p, n, kFar);
     const bool far_only = stop == n || f[stop] == 0.0f;
     if (!far_only) stop = find_zero(f, stop, n);
@@ -159,7 +165,7 @@ void split_at_zeros(float* f, int n, Envelope& e) {
       lower_envelope(f, begin, end, e.d.get(), e);
       std::memcpy(f + p, e.d.get() + p, sizeof(float) * (stop - p));
     }
-    p = skip_run(f, stop, n, 0.0f);
+    p = stop;
   }
 }
 

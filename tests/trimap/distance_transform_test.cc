@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
+#include <cstring>
 #include <memory>
 #include <random>
 #include <vector>
@@ -223,14 +224,17 @@ TEST(DistanceTransform, AdditiveCostsMatchSeparableBruteForce) {
         for (int y = 0; y < height; ++y) {
           for (int x = 0; x < width; ++x) {
             const unsigned r = rng() % 10;
-            float v = r < 3 ? 0.0f : kFar;
+            // -0 is a source too, and comes out as +0 like in the 1-D form.
+            float v = r < 3 ? (r == 0 ? -0.0f : 0.0f) : kFar;
             if (y >= costly_from && r == 9) v = static_cast<float>(rng() % 90);
             grid[static_cast<size_t>(y) * width + x] = v;
           }
         }
         const std::vector<float> want = Separable(grid, width, height, true);
         DistanceTransform(grid.data(), width, height);
-        ASSERT_EQ(grid, want) << width << "x" << height << " trial " << trial;
+        ASSERT_EQ(0, std::memcmp(grid.data(), want.data(),
+                                 sizeof(float) * want.size()))
+            << width << "x" << height << " trial " << trial;
       }
     }
   }
