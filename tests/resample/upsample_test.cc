@@ -167,53 +167,6 @@ TEST(UsamInterpolateMask, ThresholdAndFullStrength) {
   EXPECT_EQ(run(200, 240, 50, 50), 240);  // change 40: full
 }
 
-// Colour pair search for one pixel, as plainly as possible (3x3 rule): the
-// first pair with the least blend error wins.
-int GuidedValue(const std::vector<unsigned char>& img, int imgStride, int width,
-                int height, const std::vector<unsigned char>& low,
-                int lowStride, int lowWidth, int lowHeight,
-                const std::vector<unsigned char>& lowAlpha, int lowAlphaStride,
-                int x, int y) {
-  const double sx = static_cast<double>(lowWidth - 1) / (width - 1);
-  const double sy = static_cast<double>(lowHeight - 1) / (height - 1);
-  const int u = std::clamp(static_cast<int>(x * sx + 0.5), 1, lowWidth - 2);
-  const int v = std::clamp(static_cast<int>(y * sy + 0.5), 1, lowHeight - 2);
-  const unsigned char* c = &img[static_cast<size_t>(y) * imgStride + 3 * x];
-  auto colour = [&](int k) {
-    return &low[static_cast<size_t>(v - 1 + k / 3) * lowStride +
-                3 * (u - 1 + k % 3)];
-  };
-  auto alpha = [&](int k) {
-    return lowAlpha[static_cast<size_t>(v - 1 + k / 3) * lowAlphaStride +
-                    (u - 1 + k % 3)];
-  };
-  long long dist[9];
-  for (int k = 0; k < 9; ++k) {
-    dist[k] = 1;
-    for (int ch = 0; ch < 3; ++ch) {
-      dist[k] += (colour(k)[ch] - c[ch]) * (colour(k)[ch] - c[ch]);
-    }
-  }
-  long long bestError = -1;
-  int result = 0;
-  for (int i = 0; i < 9; ++i) {
-    for (int j = i + 1; j < 9; ++j) {
-      const int w = static_cast<int>(4096 * dist[j] / (dist[i] + dist[j]));
-      long long e = 0;
-      for (int ch = 0; ch < 3; ++ch) {
-        const long long q =
-            (colour(i)[ch] * w + colour(j)[ch] * (4096 - w)) / 4096;
-        e += (q - c[ch]) * (q - c[ch]);
-      }
-      if (bestError < 0 || e < bestError) {
-        bestError = e;
-        result = (alpha(i) * w + alpha(j) * (4096 - w)) / 4096;
-      }
-    }
-  }
-  return result;
-}
-
 // A small photo-like pair: smooth colour regions with an edge, and the
 // reduced image sampled from it, so that exact and near matches both occur.
 struct Scene {
@@ -253,6 +206,29 @@ Scene MakeScene(int width, int height, int lowWidth, int lowHeight,
   return s;
 }
 
+// The colour-guided value of every pixel, through a whole-image table: the
+// table builder is checked against a brute-force pair search on its own.
+std::vector<int> GuidedValues(const Scene& s,
+                              const std::vector<unsigned char>& la,
+                              int laStride) {
+  const size_t n = static_cast<size_t>(s.width) * s.height;
+  std::vector<int> idx(2 * n);
+  std::vector<short> wts(n);
+  usam_calc_weights_8u_c3(s.img.data(), s.width, s.height, s.imgStride, nullptr,
+                          0, s.low.data(), s.lowWidth, s.lowHeight, s.lowStride,
+                          idx.data(), 2 * s.width, wts.data(), s.width, 3);
+  auto alpha = [&](int k) {
+    return la[static_cast<size_t>(k / s.lowWidth) * laStride + k % s.lowWidth];
+  };
+  std::vector<int> values(n);
+  for (size_t i = 0; i < n; ++i) {
+    values[i] =
+        (alpha(idx[2 * i]) * wts[i] + alpha(idx[2 * i + 1]) * (4096 - wts[i])) /
+        4096;
+  }
+  return values;
+}
+
 TEST(UsamExecute, MatchesPairSearchWhereTheMaskHasTheValue) {
   std::mt19937 rng(121);
   for (const Case& c :
@@ -268,18 +244,16 @@ TEST(UsamExecute, MatchesPairSearchWhereTheMaskHasTheValue) {
     const std::vector<unsigned char> before =
         RandomPlane(c.width, c.height, outStride, 122);
     std::vector<unsigned char> out = before;
+    const std::vector<int> guided = GuidedValues(s, lowAlpha, c.lowWidth);
     usam_execute(s.img.data(), c.width, c.height, s.imgStride, mask.data(),
                  maskStride, 128, s.low.data(), c.lowWidth, c.lowHeight,
                  s.lowStride, lowAlpha.data(), out.data(), outStride);
     for (int y = 0; y < c.height; ++y) {
       for (int x = 0; x < c.width; ++x) {
         const size_t o = static_cast<size_t>(y) * outStride + x;
-        const int want =
-            mask[static_cast<size_t>(y) * maskStride + x] == 128
-                ? GuidedValue(s.img, s.imgStride, c.width, c.height, s.low,
-                              s.lowStride, c.lowWidth, c.lowHeight, lowAlpha,
-                              c.lowWidth, x, y)
-                : before[o];
+        const int want = mask[static_cast<size_t>(y) * maskStride + x] == 128
+                             ? guided[static_cast<size_t>(y) * c.width + x]
+                             : before[o];
         ASSERT_EQ(out[o], want) << "at (" << x << ", " << y << ")";
       }
     }
@@ -291,6 +265,7 @@ TEST(UsamExecute, MatchesPairSearchWhereTheMaskHasTheValue) {
 std::vector<unsigned char> MaskedReference(
     const Scene& s, const std::vector<unsigned char>& la, int laStride,
     const std::vector<unsigned char>& mask, int maskStride, int outStride) {
+  const std::vector<int> guided = GuidedValues(s, la, laStride);
   std::vector<unsigned char> out(static_cast<size_t>(outStride) * s.height,
                                  kSentinel);
   ff::ipf_resize_bl<unsigned char, unsigned char>(
@@ -300,8 +275,7 @@ std::vector<unsigned char> MaskedReference(
     for (int x = 0; x < s.width; ++x) {
       if (mask[static_cast<size_t>(y) * maskStride + x] == 0) continue;
       out[static_cast<size_t>(y) * outStride + x] = static_cast<unsigned char>(
-          GuidedValue(s.img, s.imgStride, s.width, s.height, s.low, s.lowStride,
-                      s.lowWidth, s.lowHeight, la, laStride, x, y));
+          guided[static_cast<size_t>(y) * s.width + x]);
     }
   }
   return out;

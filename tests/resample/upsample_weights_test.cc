@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
+#include <ostream>
 #include <random>
 #include <vector>
 
@@ -43,7 +44,15 @@ Colour MakeColour(int width, int height, int bytes, int levels,
 
 struct Entry {
   int first, second, weight;
+  bool operator==(const Entry& o) const {
+    return first == o.first && second == o.second && weight == o.weight;
+  }
 };
+
+std::ostream& operator<<(std::ostream& os, const Entry& e) {
+  return os << "(" << e.first << ", " << e.second << ", weight " << e.weight
+            << ")";
+}
 
 // The pair search in its plainest form: every pair is scored (no early exit)
 // and the first pair with the least error wins. Mode 2 is the 2x2 rule.
@@ -118,29 +127,11 @@ struct Table {
   int first(int x, int y) const {
     return idx[static_cast<size_t>(y) * idxStride + 2 * x];
   }
-  int second(int x, int y) const {
-    return idx[static_cast<size_t>(y) * idxStride + 2 * x + 1];
-  }
-  int weight(int x, int y) const {
-    return wts[static_cast<size_t>(y) * wtsStride + x];
+  Entry at(int x, int y) const {
+    return {first(x, y), idx[static_cast<size_t>(y) * idxStride + 2 * x + 1],
+            wts[static_cast<size_t>(y) * wtsStride + x]};
   }
 };
-
-void ExpectEntry(const Table& got, const Table& before, int x, int y,
-                 bool filled, const Entry& want) {
-  if (filled) {
-    ASSERT_EQ(got.first(x, y), want.first) << "at (" << x << ", " << y << ")";
-    ASSERT_EQ(got.second(x, y), want.second) << "at (" << x << ", " << y << ")";
-    ASSERT_EQ(got.weight(x, y), want.weight) << "at (" << x << ", " << y << ")";
-  } else {
-    ASSERT_EQ(got.first(x, y), before.first(x, y))
-        << "at (" << x << ", " << y << ")";
-    ASSERT_EQ(got.second(x, y), before.second(x, y))
-        << "at (" << x << ", " << y << ")";
-    ASSERT_EQ(got.weight(x, y), before.weight(x, y))
-        << "at (" << x << ", " << y << ")";
-  }
-}
 
 // Padding past each row of the table must survive.
 void ExpectTablePadding(const Table& got, const Table& before) {
@@ -202,9 +193,10 @@ void CheckCalcWeights(int bytes, int mode, Fill fill, int levels, uint32_t seed,
       for (int x = 0; x < s.width; ++x) {
         const bool filled =
             !maskPtr || mask[static_cast<size_t>(y) * (s.width + 1) + x] != 0;
-        ExpectEntry(
-            got, before, x, y, filled,
-            filled ? ReferenceEntry(img, low, x, y, mode, bytes) : Entry{});
+        ASSERT_EQ(got.at(x, y),
+                  filled ? ReferenceEntry(img, low, x, y, mode, bytes)
+                         : before.at(x, y))
+            << "at (" << x << ", " << y << ")";
       }
     }
     ExpectTablePadding(got, before);
@@ -345,9 +337,10 @@ TEST(UsamUpdateWeights, FillsOnlyHolesUnderTheMaskValue) {
                 (!masked ||
                  mask[static_cast<size_t>(y) * maskStride + x] == 128) &&
                 before.first(x, y) < 0;
-            ExpectEntry(
-                got, before, x, y, filled,
-                filled ? ReferenceEntry(img, low, x, y, 3, 3) : Entry{});
+            ASSERT_EQ(got.at(x, y), filled
+                                        ? ReferenceEntry(img, low, x, y, 3, 3)
+                                        : before.at(x, y))
+                << "at (" << x << ", " << y << ")";
           }
         }
         ExpectTablePadding(got, before);
