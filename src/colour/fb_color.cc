@@ -29,6 +29,7 @@ constexpr int kWindowNeighbours = 24;  // 5 x 5 without its centre
 // Levels are halved only while both sides stay at least this long.
 constexpr int kMinHalvedSide = 17;
 constexpr unsigned short kDistanceScale = 100;
+constexpr unsigned int kUnreachedDistance = 10000000;
 
 template <typename T>
 using Buffer = std::unique_ptr<T[]>;
@@ -742,6 +743,12 @@ void estimate_fb_color_x(const unsigned char* image, int width, int height,
 
   Buffer<unsigned int> toFg(new unsigned int[pixels]);
   Buffer<unsigned int> toBg(new unsigned int[pixels]);
+  if (width > 0xFFFF || height > 0xFFFF) {
+    // The transform takes 16-bit sizes and refuses these; read "unreached"
+    // rather than whatever the fresh memory holds.
+    std::fill_n(toFg.get(), pixels, kUnreachedDistance);
+    std::fill_n(toBg.get(), pixels, kUnreachedDistance);
+  }
   ff::dist_field* field =
       ff::ipf_create_distance_field_2d(width, height, kDistanceScale);
   ff::ipf_distance_transform_2d(field, label.get(),
