@@ -116,23 +116,25 @@ class SumRows {
       // The running sum is the one serial chain of the table: unrolled by
       // hand so that loop overhead does not double its cost.
       unsigned acc = 0;
-      const TS* in = row - first;
-      size_t j = first;
-      for (; j + 4 <= last; j += 4) {
-        const unsigned a0 = acc + static_cast<unsigned>(in[j]);
-        const unsigned a1 = a0 + static_cast<unsigned>(in[j + 1]);
-        const unsigned a2 = a1 + static_cast<unsigned>(in[j + 2]);
-        acc = a2 + static_cast<unsigned>(in[j + 3]);
-        next[j + 1] = prev[j + 1] + a0;
-        next[j + 2] = prev[j + 2] + a1;
-        next[j + 3] = prev[j + 3] + a2;
-        next[j + 4] = prev[j + 4] + acc;
+      unsigned* out = next + first + 1;
+      const unsigned* above = prev + first + 1;
+      const size_t count = last - first;
+      size_t i = 0;
+      for (; i + 4 <= count; i += 4) {
+        const unsigned a0 = acc + static_cast<unsigned>(row[i]);
+        const unsigned a1 = a0 + static_cast<unsigned>(row[i + 1]);
+        const unsigned a2 = a1 + static_cast<unsigned>(row[i + 2]);
+        acc = a2 + static_cast<unsigned>(row[i + 3]);
+        out[i] = above[i] + a0;
+        out[i + 1] = above[i + 1] + a1;
+        out[i + 2] = above[i + 2] + a2;
+        out[i + 3] = above[i + 3] + acc;
       }
-      for (; j < last; ++j) {
-        acc += static_cast<unsigned>(in[j]);
-        next[j + 1] = prev[j + 1] + acc;
+      for (; i < count; ++i) {
+        acc += static_cast<unsigned>(row[i]);
+        out[i] = above[i] + acc;
       }
-      for (j = last; j < end; ++j) next[j + 1] = prev[j + 1] + acc;
+      for (size_t j = last; j < end; ++j) next[j + 1] = prev[j + 1] + acc;
       return;
     }
     std::fill(acc_, acc_ + c, 0u);

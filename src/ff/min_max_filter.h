@@ -33,6 +33,12 @@ struct _GR {
 
 namespace min_max {
 
+#if defined(__GNUC__)
+#define SOFTMATTE_MM_FORCE_INLINE inline __attribute__((always_inline))
+#else
+#define SOFTMATTE_MM_FORCE_INLINE inline
+#endif
+
 // Lines filtered side by side; one cache line of bytes.
 constexpr int kLanes = 64;
 
@@ -47,8 +53,8 @@ inline size_t LineScratchSize(int length, int ksize) {
   return (padded + static_cast<size_t>(length) + 2 * ksize) * kLanes;
 }
 
-// Elements of scratch _mm_filter_2D_y needs: the intermediate plane, with
-// two spare columns, then the line buffers. The last block of a line never
+// Elements of scratch _mm_filter_2D_y needs: the intermediate plane with two
+// spare columns, then the line buffers. The last block of a line never
 // writes past the line's end, so the plane needs no spare rows.
 inline size_t PlaneScratchSize(int width, int height, int ksize) {
   return static_cast<size_t>(height) * (width + 2) +
@@ -91,8 +97,11 @@ inline void SwapBlocks(uint64_t& a, uint64_t& b, int shift, uint64_t mask) {
 
 // Named words rather than an array: the rounds then stay in registers, where
 // an array invites vector code that stalls on reloading the words it stored.
-inline void Transpose8x8(const unsigned char* in, ptrdiff_t inStep,
-                         unsigned char* out, ptrdiff_t outStep) {
+// A call per block would cost as much as the block, hence forced inlining.
+SOFTMATTE_MM_FORCE_INLINE void Transpose8x8(const unsigned char* in,
+                                            ptrdiff_t inStep,
+                                            unsigned char* out,
+                                            ptrdiff_t outStep) {
   uint64_t r0 = LoadWord(in), r1 = LoadWord(in + inStep),
            r2 = LoadWord(in + 2 * inStep), r3 = LoadWord(in + 3 * inStep),
            r4 = LoadWord(in + 4 * inStep), r5 = LoadWord(in + 5 * inStep),
@@ -176,6 +185,8 @@ void MoveLines(P* plane, int width, int n, int step, int pixStep, T* lanes) {
   }
 }
 
+#undef SOFTMATTE_MM_FORCE_INLINE
+
 }  // namespace min_max
 
 // Running extremum of min_max::kLanes interleaved lines of length positions
@@ -239,7 +250,8 @@ void _mm_filter_2D_x(const T* src, int width, int height, int srcStep,
 }
 
 // One channel: the horizontal pass into the intermediate plane of scratch,
-// the vertical pass over that plane's columns, then the copy into dst.
+// the vertical pass over that plane's columns (the transposed view, in which
+// neighbouring columns are neighbouring lanes), then the copy into dst.
 // scratch holds min_max::PlaneScratchSize(width, height, ksize) elements.
 template <typename T, typename Cmp>
 void _mm_filter_2D_y(const T* src, int width, int height, int srcStep,
@@ -250,7 +262,7 @@ void _mm_filter_2D_y(const T* src, int width, int height, int srcStep,
   T* lines = plane + static_cast<size_t>(height) * planeStep;
   _mm_filter_2D_x(src, width, height, srcStep, srcPixStep, plane + 2, planeStep,
                   1, ksize, lines, pad, cmp);
-  // Each column is shifted two bytes left: the column group is gathered into
+  // Each column is shifted two bytes left: a column group is gathered into
   // the line buffer before its output is written, and the bytes it lands on
   // belong to columns already done.
   _mm_filter_2D_x(plane + 2, height, width, 1, planeStep, plane, 1, planeStep,
