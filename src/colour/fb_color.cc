@@ -30,6 +30,7 @@ constexpr int kWindowNeighbours = 24;  // 5 x 5 without its centre
 constexpr int kMinHalvedSide = 17;
 constexpr unsigned short kDistanceScale = 100;
 constexpr unsigned int kUnreachedDistance = 10000000;
+constexpr int kLabelBlock = 16;
 
 template <typename T>
 using Buffer = std::unique_ptr<T[]>;
@@ -94,6 +95,17 @@ void CountKnown(const unsigned char* label, int stride, int width, int height,
     *background += b;
     *foreground += f;
   }
+}
+
+// Index of the first unknown label at or after x in a row of width labels,
+// or width. The band is a few percent of a photo: the library's memchr
+// passes over the known runs far faster than a test per pixel.
+inline int NextUnknown(const unsigned char* row, int x, int width) {
+  if (x >= width) return width;
+  const void* hit = std::memchr(row + x, kUnknown, width - x);
+  return hit == nullptr
+             ? width
+             : static_cast<int>(static_cast<const unsigned char*>(hit) - row);
 }
 
 // Integer mean per channel, truncated.
@@ -324,9 +336,19 @@ void LabelRows(const unsigned char* alpha, int alphaStride, int width, int y0,
   for (int y = y0; y < y1; ++y) {
     const unsigned char* a = alpha + static_cast<ptrdiff_t>(y) * alphaStride;
     unsigned char* l = label + static_cast<ptrdiff_t>(y) * width;
-    for (int x = 0; x < width; ++x) {
-      l[x] = a[x] > high ? kForeground : a[x] < low ? kBackground : kUnknown;
+    // Foreground wins when low > high makes a value both; arithmetic in
+    // place of branches and blocks of fixed length let this vectorise.
+    auto one = [&](int x) {
+      const int isForeground = a[x] > high;
+      const int isBackground = (a[x] < low) & (isForeground ^ 1);
+      l[x] = static_cast<unsigned char>(isForeground * kForeground +
+                                        isBackground * kBackground);
+    };
+    int x = 0;
+    for (; x + kLabelBlock <= width; x += kLabelBlock) {
+      for (int k = 0; k < kLabelBlock; ++k) one(x + k);
     }
+    for (; x < width; ++x) one(x);
   }
 }
 
@@ -438,8 +460,8 @@ void upsample_level_color(const _LevelData& coarse,
     const unsigned char* labelBottom = labelTop + coarse.label_stride;
     const unsigned char* fineLabels =
         fine.label + static_cast<ptrdiff_t>(y) * fine.label_stride;
-    for (int x = 0; x < fine.width; ++x) {
-      if (fineLabels[x] != kUnknown) continue;
+    for (int x = NextUnknown(fineLabels, 0, fine.width); x < fine.width;
+         x = NextUnknown(fineLabels, x + 1, fine.width)) {
       const int ix = xs.index[x];
       const float tx = xs.frac[x];
       const bool e00 = labelTop[ix] == excluded;
@@ -499,11 +521,10 @@ void CorrectWithWindow(_LevelData& level) {
   const unsigned char* fg[kWindowNeighbours];
   for (int y = 0; y < h; ++y) {
     const int cy = y < 2 ? 2 : std::min(y, h - 3);
-    for (int x = 0; x < w; ++x) {
-      if (level.label[static_cast<ptrdiff_t>(y) * level.label_stride + x] !=
-          kUnknown) {
-        continue;
-      }
+    const unsigned char* labels =
+        level.label + static_cast<ptrdiff_t>(y) * level.label_stride;
+    for (int x = NextUnknown(labels, 0, w); x < w;
+         x = NextUnknown(labels, x + 1, w)) {
       const int cx = x < 2 ? 2 : std::min(x, w - 3);
       const unsigned char* centreLabel =
           level.label + static_cast<ptrdiff_t>(cy) * level.label_stride + cx;
@@ -512,9 +533,13 @@ void CorrectWithWindow(_LevelData& level) {
       int nb = 0;
       int nf = 0;
       for (int k = 0; k < kWindowNeighbours; ++k) {
+        // Written to both lists, kept by the one the label names: no branch
+        // to mispredict on the band's ragged edges.
         const unsigned char l = centreLabel[labelOffsets[k]];
-        if (l == kBackground) bg[nb++] = centreImage + imageOffsets[k];
-        if (l == kForeground) fg[nf++] = centreImage + imageOffsets[k];
+        bg[nb] = centreImage + imageOffsets[k];
+        fg[nf] = centreImage + imageOffsets[k];
+        nb += l == kBackground;
+        nf += l == kForeground;
       }
       unsigned char* b = At(level.background, level.background_stride, x, y, 3);
       if (nb > 0) MeanColour(bg, nb, b);
@@ -537,9 +562,10 @@ struct BandWidth {
 // Typical width of the unknown band: the median of the per-pixel widths
 // (capped at the longest one seen), the weight then fading out up to two and
 // a half times that.
+// The pixels measured are those with low <= alpha <= high, that is the
+// unknown labels.
 BandWidth MeasureBand(const unsigned int* toFg, const unsigned int* toBg,
-                      const unsigned char* alpha, int alphaStride, int width,
-                      int height, unsigned char low, unsigned char high) {
+                      const unsigned char* label, int width, int height) {
   const int64_t diagonal =
       static_cast<int64_t>(std::sqrt(static_cast<double>(width) * width +
                                      static_cast<double>(height) * height));
@@ -548,10 +574,10 @@ BandWidth MeasureBand(const unsigned int* toFg, const unsigned int* toBg,
   int64_t count = 0;
   int64_t longest = 0;
   for (int y = 0; y < height; ++y) {
-    const unsigned char* a = alpha + static_cast<ptrdiff_t>(y) * alphaStride;
     const size_t row = static_cast<size_t>(y) * width;
-    for (int x = 0; x < width; ++x) {
-      if (a[x] < low || a[x] > high) continue;
+    const unsigned char* labels = label + row;
+    for (int x = NextUnknown(labels, 0, width); x < width;
+         x = NextUnknown(labels, x + 1, width)) {
       const int64_t n = (toFg[row + x] + toBg[row + x]) / kDistanceScale;
       if (n >= bins) continue;
       ++histogram[n];
@@ -587,8 +613,8 @@ void CorrectRows(const unsigned char* image, int imageStride,
                  const _LevelData& level) {
   for (int y = y0; y < y1; ++y) {
     const size_t row = static_cast<size_t>(y) * width;
-    for (int x = 0; x < width; ++x) {
-      if (label[row + x] != kUnknown) continue;
+    for (int x = NextUnknown(label + row, 0, width); x < width;
+         x = NextUnknown(label + row, x + 1, width)) {
       const int64_t n = (toFg[row + x] + toBg[row + x]) / kDistanceScale;
       float g;
       if (n < band.lower) {
@@ -760,8 +786,8 @@ void estimate_fb_color_x(const unsigned char* image, int width, int height,
                                 static_cast<unsigned short>(height), width,
                                 kBackground, toBg.get(), width, nullptr, 0);
   ff::ipf_release_distance_field(field);
-  const BandWidth band = MeasureBand(toFg.get(), toBg.get(), alpha,
-                                     alpha_stride, width, height, low, high);
+  const BandWidth band =
+      MeasureBand(toFg.get(), toBg.get(), label.get(), width, height);
   STAGE_LAP(clock, kDistance);
 
   float sTable[256];
