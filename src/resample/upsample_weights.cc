@@ -67,7 +67,8 @@ void Fill(const Geometry& g, Select select) {
     entry[1] = b;
     g.wts[static_cast<ptrdiff_t>(y) * g.wtsStride + x] = static_cast<short>(w);
   };
-  // Four independent bands of rows, one after the other.
+  // Rows are independent; they go in four consecutive bands, which a caller
+  // could split between workers without changing a single entry.
   const int h = g.height;
   const int bounds[5] = {0, h / 4, h / 2, 3 * (h / 4), h};
   for (int band = 0; band < 4; ++band) {
