@@ -1,8 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <climits>
-#include <cmath>
 #include <cstddef>
 #include <random>
 #include <string>
@@ -116,106 +113,6 @@ TEST(AdaRect_CCSz, ReachesOneMorePixelBeforeThanAfterAndClips) {
   EXPECT_TRUE(SameRect(far, dpl_rect{94, 100, 1, 7})) << Describe(far);
   const dpl_rect none = AdaRect_CCSz(dpl_pt2di{4, 4}, 0, 100, 100);
   EXPECT_TRUE(SameRect(none, dpl_rect{4, 4, 4, 4})) << Describe(none);
-}
-
-// The contrast rule spelled out: the border points in clockwise order,
-// split by the mask, every step-th point of each side compared with every
-// step-th point of the other.
-dpl_rect ImgGradReference(dpl_pt2di pt, dpl_rect rect,
-                          const std::vector<unsigned char>& img, int width,
-                          int height, int img_stride,
-                          const std::vector<unsigned char>& seg, int seg_stride,
-                          int step, double diff_low, double diff_high,
-                          int r_low, int r_high) {
-  std::vector<dpl_pt2di> walk;
-  if (rect.left < rect.right) {
-    for (int x = rect.left; x < rect.right; ++x) walk.push_back({x, rect.top});
-  }
-  if (rect.top < rect.bottom) {
-    for (int y = rect.top; y < rect.bottom; ++y) {
-      walk.push_back({rect.right - 1, y});
-    }
-  }
-  if (rect.left < rect.right) {
-    for (int x = rect.right - 1; x >= rect.left; --x) {
-      walk.push_back({x, rect.bottom - 1});
-    }
-  }
-  if (rect.top < rect.bottom) {
-    for (int y = rect.bottom - 1; y >= rect.top; --y) {
-      walk.push_back({rect.left, y});
-    }
-  }
-  std::vector<dpl_pt2di> in;
-  std::vector<dpl_pt2di> out;
-  for (const dpl_pt2di& p : walk) {
-    (seg[static_cast<size_t>(p.y) * seg_stride + p.x] == 255 ? in : out)
-        .push_back(p);
-  }
-  long best = INT_MIN;
-  for (size_t i = 0; i < in.size(); i += step) {
-    for (size_t j = 0; j < out.size(); j += step) {
-      long d = 0;
-      for (int c = 0; c < 3; ++c) {
-        const long a =
-            img[static_cast<size_t>(in[i].y) * img_stride + 3 * in[i].x + c];
-        const long b =
-            img[static_cast<size_t>(out[j].y) * img_stride + 3 * out[j].x + c];
-        d += (a - b) * (a - b);
-      }
-      best = std::max(best, d);
-    }
-  }
-  double t = (static_cast<double>(best) - diff_low) / (diff_high - diff_low);
-  int r = r_low;
-  if (!std::isnan(t)) {
-    t = std::min(std::max(t, 0.0), 1.0);
-    r = r_low + static_cast<int>(std::trunc(t * (r_high - r_low) + 0.5));
-  }
-  return AdaRect_CCSz(pt, r, width, height);
-}
-
-TEST(AdaRect_ImgGrad, MatchesReferenceOnRandomImages) {
-  std::mt19937 rng(99);
-  const int width = 23;
-  const int height = 19;
-  const int img_stride = 3 * width + 5;
-  const int seg_stride = width + 7;
-  for (int trial = 0; trial < 400; ++trial) {
-    std::vector<unsigned char> img = softmatte_test::RandomPlane(
-        3 * width, height, img_stride, 1000 + trial);
-    // A half-plane mask with a ragged edge, so that borders often cross it.
-    std::vector<unsigned char> seg(static_cast<size_t>(seg_stride) * height,
-                                   kSentinel);
-    const int cut = static_cast<int>(rng() % width);
-    for (int y = 0; y < height; ++y) {
-      for (int x = 0; x < width; ++x) {
-        const bool in = x + static_cast<int>(rng() % 3) < cut + y / 3;
-        seg[static_cast<size_t>(y) * seg_stride + x] =
-            in ? 255 : (rng() % 4 == 0 ? 254 : 0);
-      }
-    }
-    const dpl_pt2di pt{static_cast<int>(rng() % width),
-                       static_cast<int>(rng() % height)};
-    // Rings of every size the trimap uses, including empty ones.
-    const dpl_rect ring =
-        AdaRect_CCSz(pt, static_cast<int>(rng() % 9), width, height);
-    const int step = 1 + static_cast<int>(rng() % 4);
-    const double low = static_cast<double>(rng() % 4000);
-    const double high =
-        trial % 5 == 0 ? low : static_cast<double>(rng() % 40000);
-    const int r_low = static_cast<int>(rng() % 5);
-    const int r_high = static_cast<int>(rng() % 12);
-    const dpl_rect got =
-        AdaRect_ImgGrad(pt, ring, img.data(), width, height, img_stride,
-                        seg.data(), seg_stride, step, low, high, r_low, r_high);
-    const dpl_rect want =
-        ImgGradReference(pt, ring, img, width, height, img_stride, seg,
-                         seg_stride, step, low, high, r_low, r_high);
-    ASSERT_TRUE(SameRect(got, want))
-        << "trial " << trial << ": got " << Describe(got) << ", want "
-        << Describe(want);
-  }
 }
 
 // Two colours on either side of a vertical mask edge at column 15.
