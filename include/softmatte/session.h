@@ -60,7 +60,7 @@ class SOFTMATTE_API DSCMatting {
 
   // Solves the matte over the 128 pixels of trimap (session polarity; its
   // other values are kept) and writes it to the session and out; nothing
-  // when the size differs.
+  // when the size differs or trimap is null.
   void Refine(const unsigned char* trimap, int width, int height, int stride,
               unsigned char* out, int outStride, int ksize, int keep);
   // As above with Init's trimap; 0 (out untouched) on another size or when
@@ -68,7 +68,8 @@ class SOFTMATTE_API DSCMatting {
   int Refine(unsigned char* out, int width, int height, int stride, int ksize,
              int keep);
   // Builds a trimap from the 0/255 seg, refines and writes the matte with
-  // foreground 255 to out; 0 (out untouched) on another size, else 1.
+  // foreground 255 to out; 0 (out untouched) on another size or a null seg,
+  // else 1.
   int MakeMatteFromSegmRes(const unsigned char* seg, int width, int height,
                            int seg_stride, unsigned char* out, int outStride,
                            int max_band, double band_scale, int ksize,

@@ -1,4 +1,5 @@
 #include <cstddef>
+#include <memory>
 
 #include "session/session_impl.h"
 #include "softmatte/edit.h"
@@ -79,13 +80,14 @@ int DSCMattingImpl::MakeMatteFromSegmRes(const unsigned char* seg, int width,
                                          int max_band, double band_scale,
                                          int ksize, int keep) {
   if (!SizeMatches(width, height) || seg == nullptr) return 0;
-  unsigned char* plane = new unsigned char[static_cast<size_t>(width) *
-                                           static_cast<size_t>(height)];
-  MakeTrimapFromSegRes(seg, width, height, seg_stride, plane, width, max_band,
-                       band_scale);
-  ComplementKnown(plane, width, height, width);
-  Refine(plane, width, height, width, out, outStride, ksize, keep);
-  delete[] plane;
+  std::unique_ptr<unsigned char[]> plane(
+      new unsigned char[static_cast<size_t>(width) *
+                        static_cast<size_t>(height)]);
+  MakeTrimapFromSegRes(seg, width, height, seg_stride, plane.get(), width,
+                       max_band, band_scale);
+  ComplementKnown(plane.get(), width, height, width);
+  Refine(plane.get(), width, height, width, out, outStride, ksize, keep);
+  plane.reset();
   // 128 stays 128 on the way out too, even where the solve produced it.
   ComplementKnown(out, width, height, outStride);
   return 1;
