@@ -164,6 +164,8 @@ SOFTMATTE_API int ipf_distance_transform_3d(
     unsigned short height, unsigned short depth, unsigned char target,
     unsigned int* distance, unsigned short (*nearest)[3]);
 
+// ---- Colour-space conversion ----
+
 }  // namespace ff
 
 #endif  // SOFTMATTE_FF_IPF_H_
