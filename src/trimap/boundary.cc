@@ -1,6 +1,7 @@
 #include <climits>
 #include <cmath>
 #include <cstddef>
+#include <cstring>
 #include <vector>
 
 #include "softmatte/trimap.h"
@@ -33,6 +34,22 @@ int saturating_trunc(double v) {
   return static_cast<int>(v);
 }
 
+// Four labels at a time through the compiler's generic vectors (SSE on x86,
+// NEON on ARM).
+typedef int i32x4 __attribute__((vector_size(16)));
+
+i32x4 load4(const int* p) {
+  i32x4 v;
+  std::memcpy(&v, p, sizeof v);
+  return v;
+}
+
+bool any4(i32x4 mask) {
+  unsigned long long halves[2];
+  std::memcpy(halves, &mask, sizeof halves);
+  return (halves[0] | halves[1]) != 0;
+}
+
 }  // namespace
 
 void GetCCBndryPixels(const unsigned char* seg, int width, int height,
@@ -46,16 +63,32 @@ void GetCCBndryPixels(const unsigned char* seg, int width, int height,
     // Clamped neighbours: the image border never makes a boundary.
     const int* up = labels + (y > 0 ? y - 1 : 0) * w;
     const int* down = labels + (y + 1 < height ? y + 1 : y) * w;
-    for (int x = 0; x < width; ++x) {
-      if (s[x] <= 254) continue;
+    // Labels index from the front even when out already held lists.
+    auto visit = [&](int x) {
+      if (s[x] <= 254) return;
       const int l = row[x];
       const int left = row[x > 0 ? x - 1 : 0];
       const int right = row[x + 1 < width ? x + 1 : x];
       if (up[x] != l || down[x] != l || left != l || right != l) {
-        // Labels index from the front even when out already held lists.
         out[l].push_back(dpl_pt2di{x, y});
       }
+    };
+    visit(0);
+    // Inside the row four labels at a time: most pixels lie in the middle of
+    // a region and differ from no neighbour.
+    int x = 1;
+    for (; x + 4 < width; x += 4) {
+      const i32x4 l = load4(row + x);
+      const i32x4 diff = (l != load4(row + x - 1)) | (l != load4(row + x + 1)) |
+                         (l != load4(up + x)) | (l != load4(down + x));
+      if (!any4(diff)) continue;
+      for (int i = 0; i < 4; ++i) {
+        if (diff[i] != 0 && s[x + i] > 254) {
+          out[l[i]].push_back(dpl_pt2di{x + i, y});
+        }
+      }
     }
+    for (; x < width; ++x) visit(x);
   }
 }
 
