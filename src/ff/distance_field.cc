@@ -21,8 +21,8 @@ constexpr unsigned int kUnreached = 10000000;
 constexpr int kPad2d = 2;  // two cells: every neighbour read stays in the grid
 constexpr int kPad3d = 1;
 
-// Weights are stored as unsigned short; a product past 65535 wraps as the
-// integer conversion of the original tables did.
+// Weights are stored as unsigned short; a product past 65535 keeps its low
+// 16 bits, as converting through a 32-bit integer does on either target.
 unsigned short ScaledWeight(unsigned short scale, double factor) {
   return static_cast<unsigned short>(static_cast<unsigned int>(scale * factor));
 }
