@@ -210,22 +210,35 @@ TEST(DSCMatting, EmptyAndUnsegmentedSessionsHaveNothingToRefine) {
   EXPECT_EQ(out, Plane(out.size(), kSentinel));
 }
 
-TEST(DSCMatting, ConstructorsMatchInit) {
+TEST(DSCMatting, ConstructorsMatchInitAndInitForgetsTheLastPhoto) {
   const int w = 67, h = 51;
   const Photo photo = DiscOnGradient(w, h, 30, 25, 14, 5);
   const Plane seg = DiscPlane(w, h, 30, 25, 14, 255, 0);
   DSCMatting built(photo.bytes.data(), w, h, photo.stride, seg.data(), w, 40, 8,
                    0.5, 3, 5, 50, 2);
-  DSCMatting initialised;
-  initialised.Init(photo.bytes.data(), w, h, photo.stride, seg.data(), w, 40, 8,
-                   0.5, 3, 5, 50, 2);
+
+  // A session that worked on a larger photo first, at another working size.
+  const Photo other = DiscOnGradient(90, 77, 40, 40, 20, 6);
+  const Plane otherSeg = DiscPlane(90, 77, 40, 40, 20, 255, 0);
+  DSCMatting reused(other.bytes.data(), 90, 77, other.stride, otherSeg.data(),
+                    90, 60, 8, 0.5, 3, 5, 50, 2);
+  Plane scratch(90 * 77);
+  ASSERT_EQ(reused.MakeMatte(scratch.data(), 90, 77, 90, 3, 1), 1);
+  ASSERT_NE(reused.GetFImage(nullptr, 1), nullptr);
+  reused.Init(photo.bytes.data(), w, h, photo.stride, seg.data(), w, 40, 8, 0.5,
+              3, 5, 50, 2);
+
   Plane a(static_cast<size_t>(w) * h), b(a.size());
   built.GetAlpha(a.data(), w);
-  initialised.GetAlpha(b.data(), w);
+  reused.GetAlpha(b.data(), w);
   EXPECT_EQ(a, b);
-  built.MakeMatte(a.data(), w, h, w, 3, 1);
-  initialised.MakeMatte(b.data(), w, h, w, 3, 1);
+  ASSERT_EQ(built.MakeMatte(a.data(), w, h, w, 3, 1), 1);
+  ASSERT_EQ(reused.MakeMatte(b.data(), w, h, w, 3, 1), 1);
   EXPECT_EQ(a, b);
+  Plane colours(3 * a.size()), reusedColours(colours.size());
+  built.GetFImage(colours.data(), 3 * w, 0);
+  reused.GetFImage(reusedColours.data(), 3 * w, 0);
+  EXPECT_EQ(colours, reusedColours);
 }
 
 TEST(DSCMatting, SizeMismatchLeavesOutputAndMatteUntouched) {
