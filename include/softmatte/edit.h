@@ -56,4 +56,18 @@ SOFTMATTE_API void mat_erase_unknown_fragment(unsigned char* trimap, int width,
                                               unsigned char lo,
                                               unsigned char hi);
 
+// ---- Level estimation and S-transform ----
+
+// The smallest known fraction among columns vertical and rows horizontal
+// strips of the bounding box of trimap's 128s: 0.0 without any 128, 1.0 for
+// a null trimap.
+SOFTMATTE_API double mat_estimate_opt_level(const unsigned char* trimap,
+                                            int width, int height, int step,
+                                            int columns, int rows);
+// Fills curve[0..255] with an S-shaped tone curve: steepness and level in
+// 0 ... 100 (clamped) set its width and midpoint; nothing on null. The first
+// call fills process-wide tables without a lock: it must not race another.
+SOFTMATTE_API void mat_calc_S_transform(unsigned char* curve, int steepness,
+                                        int level);
+
 #endif  // SOFTMATTE_EDIT_H_

@@ -97,4 +97,33 @@ SOFTMATTE_API void merge_c31(const unsigned char* src3, int width, int height,
                              int src1_stride, unsigned char* dst4,
                              int dst4_stride);
 
+// ---- Downsampling ----
+// Planes are 8-bit with strides in bytes; nothing happens on a null plane.
+
+// Nearest-neighbour reduction of src into dst, N bytes per pixel; the last
+// column and row come from the last source column and row.
+template <int N>
+SOFTMATTE_API void _dsam_image_x(const unsigned char* src, int width,
+                                 int height, int src_stride, unsigned char* dst,
+                                 int low_width, int low_height, int dst_stride);
+// _dsam_image_x for channels 1, 3 or 4; dst stays untouched for any other.
+SOFTMATTE_API void dsam_image(const unsigned char* src, int width, int height,
+                              int src_stride, unsigned char* dst, int low_width,
+                              int low_height, int dst_stride, int channels);
+// index (ints, index_stride in ints) = dense position v * low_width + u of
+// the reduced pixel of low nearest in colour to each pixel of the 3-byte img,
+// among the 2 x 2 cell it falls in; nothing when a size is below 2.
+SOFTMATTE_API void dsam_calc_index(const unsigned char* img, int width,
+                                   int height, int img_stride,
+                                   const unsigned char* low, int low_width,
+                                   int low_height, int low_stride, int* index,
+                                   int index_stride);
+// dst (dense low_width x low_height) = 128, then each mark (byte not 128)
+// stored at its index entry, the last in scan order winning; the last two
+// ints are unused.
+SOFTMATTE_API void dsam_ui_alpha(const unsigned char* marks, int width,
+                                 int height, int marks_stride, const int* index,
+                                 int index_stride, unsigned char* dst,
+                                 int low_width, int low_height, int, int);
+
 #endif  // SOFTMATTE_RESAMPLE_H_

@@ -73,4 +73,17 @@ SOFTMATTE_API void MakeTrimapFromSegRes(
     int out_stride, int max_band, double band_scale, int step,
     unsigned char diff_low, unsigned char diff_high, int min_band);
 
+// ---- Seeds and matte inversion ----
+
+// Copies alpha to out, with 128 wherever the window | 1 sized window of alpha
+// spans 128 or more and flat 128s turned into 127; nothing when either is
+// null.
+SOFTMATTE_API void MakeSeeds(const unsigned char* alpha, int width, int height,
+                             int stride, unsigned char* out, int out_stride,
+                             int window);
+// Swaps foreground and background of a trimap or matte in place: every byte
+// but 128 becomes 255 - byte (so 127 becomes 128); nothing on null.
+SOFTMATTE_API void InvertMatte(unsigned char* alpha, int width, int height,
+                               int stride);
+
 #endif  // SOFTMATTE_TRIMAP_H_

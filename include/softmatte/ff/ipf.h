@@ -165,6 +165,18 @@ SOFTMATTE_API int ipf_distance_transform_3d(
     unsigned int* distance, unsigned short (*nearest)[3]);
 
 // ---- Colour-space conversion ----
+// One pixel each: bgr is B, G, R bytes; lab is L (0 ... 100 scaled to 255) and
+// a, b offset by 128; yuv is full-range Y with U, V offset by 128. Nothing
+// happens when a pointer is null.
+
+// B, G, R to L, a, b; out-of-range results keep their low byte.
+SOFTMATTE_API void ipf_bgr2lab(const unsigned char* bgr, unsigned char* lab);
+// L, a, b to B, G, R, clamped to 0 ... 255.
+SOFTMATTE_API void ipf_lab2bgr(const unsigned char* lab, unsigned char* bgr);
+// B, G, R to Y, U, V; out-of-range results keep their low byte.
+SOFTMATTE_API void ipf_bgr2yuv(const unsigned char* bgr, unsigned char* yuv);
+// Y, U, V to B, G, R; out-of-gamut results keep their low byte (they wrap).
+SOFTMATTE_API void ipf_yuv2bgr(const unsigned char* yuv, unsigned char* bgr);
 
 }  // namespace ff
 
