@@ -1,6 +1,8 @@
 #include "cutout.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <ctime>
 
 #include "softmatte/geoseg.h"
 #include "softmatte/session.h"
@@ -38,6 +40,7 @@ void StageClock::Start(const char* stage) {
   Stop();
   stage_ = stage;
   begin_ = std::chrono::steady_clock::now();
+  cpu_begin_ = std::clock();
 }
 
 void StageClock::Stop() {
@@ -45,8 +48,13 @@ void StageClock::Stop() {
   const double seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - begin_)
           .count();
-  if (enabled_)
-    std::fprintf(stderr, "softmatte: %-34s %8.3f s\n", stage_, seconds);
+  // Processor time beside the wall clock: on a busy machine the two differ.
+  const double cpu =
+      static_cast<double>(std::clock() - cpu_begin_) / CLOCKS_PER_SEC;
+  if (enabled_) {
+    std::fprintf(stderr, "softmatte: %-34s %8.3f s (processor %.3f s)\n",
+                 stage_, seconds, cpu);
+  }
   stage_ = nullptr;
 }
 
@@ -94,7 +102,7 @@ void MaskFromLabels(const std::vector<unsigned char>& photo, int width,
 }
 
 void MakeCutout(std::vector<unsigned char>* photo, int width, int height,
-                const std::vector<unsigned char>& trimap,
+                std::vector<unsigned char>* trimap,
                 const CutoutSettings& settings, StageClock* clock,
                 std::vector<unsigned char>* alpha,
                 std::vector<unsigned char>* foreground) {
@@ -106,12 +114,11 @@ void MakeCutout(std::vector<unsigned char>* photo, int width, int height,
   // The same road as MakeMatteFromSegmRes, with the trimap made outside so
   // that it can come from a file or from scribbles as well as from a mask.
   clock->Start("solve, upsampling, cleanup");
-  std::vector<unsigned char> inside(trimap);
-  Complement(&inside);
-  alpha->assign(trimap.size(), 0);
-  session.Refine(inside.data(), width, height, width, alpha->data(), width,
+  Complement(trimap);
+  alpha->assign(trimap->size(), 0);
+  session.Refine(trimap->data(), width, height, width, alpha->data(), width,
                  settings.smooth_window, settings.keep_fragments);
-  std::vector<unsigned char>().swap(inside);
+  std::vector<unsigned char>().swap(*trimap);
   Complement(alpha);
   clock->Stop();
 
@@ -120,8 +127,15 @@ void MakeCutout(std::vector<unsigned char>* photo, int width, int height,
   // The colour estimator takes 255 as the subject: hand it the matte in the
   // caller's polarity, not the session's.
   session.set_alpha(alpha->data(), width, height, width);
-  foreground->resize(3 * trimap.size());
-  session.GetFImage(foreground->data(), 3 * width, 1);
+  int stride = 0;
+  const unsigned char* colours = session.GetFImage(&stride, 1);
+  // Taken only now: during the estimate this copy would add to the peak.
+  foreground->resize(3 * alpha->size());
+  for (int y = 0; y < height; ++y) {
+    std::copy(colours + static_cast<size_t>(y) * stride,
+              colours + static_cast<size_t>(y) * stride + 3 * width,
+              foreground->begin() + static_cast<size_t>(y) * 3 * width);
+  }
   clock->Stop();
 }
 

@@ -2,6 +2,7 @@
 #define SOFTMATTE_TOOLS_CUTOUT_H_
 
 #include <chrono>
+#include <ctime>
 #include <string>
 #include <vector>
 
@@ -27,7 +28,8 @@ struct CutoutSettings {
   int keep_fragments = kKeepFragments;
 };
 
-// Prints how long each stage took to standard error when enabled.
+// Prints how long each stage took (wall clock and processor time) to
+// standard error when enabled.
 class StageClock {
  public:
   explicit StageClock(bool enabled);
@@ -39,6 +41,7 @@ class StageClock {
   bool enabled_;
   const char* stage_ = nullptr;
   std::chrono::steady_clock::time_point begin_;
+  std::clock_t cpu_begin_ = 0;
 };
 
 // Writes the trimap (0, 128 unknown, 255) for a 0/255 mask, both packed
@@ -62,10 +65,11 @@ void MaskFromLabels(const std::vector<unsigned char>& photo, int width,
 
 // Solves the matte of photo (B, G, R) over trimap's unknown pixels and
 // writes it to alpha (foreground 255); with a non-null foreground, also the
-// subject's estimated colours (B, G, R). Releases photo once the session has
-// its own copy, to keep the peak memory of large photos down.
+// subject's estimated colours (B, G, R). Releases photo and trimap as soon
+// as the session no longer needs them, to keep the peak memory of large
+// photos down.
 void MakeCutout(std::vector<unsigned char>* photo, int width, int height,
-                const std::vector<unsigned char>& trimap,
+                std::vector<unsigned char>* trimap,
                 const CutoutSettings& settings, StageClock* clock,
                 std::vector<unsigned char>* alpha,
                 std::vector<unsigned char>* foreground);

@@ -206,6 +206,9 @@ bool WritePngAtomically(const std::string& path, const Picture& picture,
   image.version = PNG_IMAGE_VERSION;
   image.width = static_cast<png_uint_32>(picture.width);
   image.height = static_cast<png_uint_32>(picture.height);
+  // Quicker filtering and compression: a 12-megapixel cut-out otherwise
+  // spends longer in zlib than in the matting.
+  image.flags = PNG_IMAGE_FLAG_FAST;
   image.format = layout == Layout::kGrey   ? PNG_FORMAT_GRAY
                  : layout == Layout::kBgr  ? PNG_FORMAT_BGR
                  : layout == Layout::kBgra ? PNG_FORMAT_BGRA

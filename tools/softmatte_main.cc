@@ -335,20 +335,10 @@ int Run(int argc, char** argv) {
     TrimapFromMask(mask, width, height, args.settings, &trimap);
   }
 
-  std::vector<unsigned char> backdrop;
   if (!args.background.empty()) {
+    // Checked before the long solve, so that a broken file fails at once.
     Picture given;
     if (!Load(args.background, Layout::kBgr, &given, &failure)) return fail();
-    backdrop.resize(photo.pixels.size());
-    // Stretched to the photo: a backdrop rarely has the photo's exact size.
-    ff::ipf_resize_bl<unsigned char, unsigned char>(
-        given.pixels.data(), given.width, given.height, 3 * given.width, 3,
-        backdrop.data(), width, height, 3 * width, 3, 3);
-  } else {
-    backdrop.resize(photo.pixels.size());
-    for (size_t i = 0; i < backdrop.size(); ++i) {
-      backdrop[i] = args.colour[i % 3];
-    }
   }
 
   const fs::path folder(args.output);
@@ -372,9 +362,24 @@ int Run(int argc, char** argv) {
 
   std::vector<unsigned char> alpha;
   std::vector<unsigned char> colours;
-  MakeCutout(&photo.pixels, width, height, trimap, args.settings, &clock,
+  MakeCutout(&photo.pixels, width, height, &trimap, args.settings, &clock,
              &alpha, &colours);
-  std::vector<unsigned char>().swap(trimap);
+
+  // The backdrop is decoded again only now, when the photo and the session's
+  // tables are gone: holding it through the solve would raise the peak.
+  std::vector<unsigned char> backdrop(colours.size());
+  if (!args.background.empty()) {
+    Picture given;
+    if (!Load(args.background, Layout::kBgr, &given, &failure)) return fail();
+    // Stretched to the photo: a backdrop rarely has the photo's exact size.
+    ff::ipf_resize_bl<unsigned char, unsigned char>(
+        given.pixels.data(), given.width, given.height, 3 * given.width, 3,
+        backdrop.data(), width, height, 3 * width, 3, 3);
+  } else {
+    for (size_t i = 0; i < backdrop.size(); ++i) {
+      backdrop[i] = args.colour[i % 3];
+    }
+  }
 
   clock.Start("writing outputs");
   fs::create_directories(folder, folder_error);
