@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <climits>
 #include <cmath>
 #include <cstddef>
@@ -10,12 +11,19 @@ namespace {
 
 constexpr unsigned char kForeground = 255;
 
-dpl_rect window_at(dpl_pt2di pt, int r, int width, int height) {
+int to_int(long long v) {
+  return static_cast<int>(v < INT_MIN ? INT_MIN : (v > INT_MAX ? INT_MAX : v));
+}
+
+// In 64 bits, so that no half-size, however absurd, overflows.
+dpl_rect window_at(dpl_pt2di pt, long long r, int width, int height) {
+  const long long x = pt.x;
+  const long long y = pt.y;
   dpl_rect w;
-  w.left = pt.x - r > 0 ? pt.x - r : 0;
-  w.right = pt.x + r < width ? pt.x + r : width;
-  w.top = pt.y - r > 0 ? pt.y - r : 0;
-  w.bottom = pt.y + r < height ? pt.y + r : height;
+  w.left = to_int(std::max(x - r, 0LL));
+  w.right = to_int(std::min(x + r, static_cast<long long>(width)));
+  w.top = to_int(std::max(y - r, 0LL));
+  w.bottom = to_int(std::min(y + r, static_cast<long long>(height)));
   return w;
 }
 
@@ -158,6 +166,7 @@ dpl_rect AdaRect_ImgGrad(dpl_pt2di pt, dpl_rect rect, const unsigned char* img,
   if (t < 0.0) t = 0.0;
   if (t > 1.0) t = 1.0;
   const double span = static_cast<double>(r_high) - static_cast<double>(r_low);
-  const int r = r_low + saturating_trunc(t * span + 0.5);
+  const long long r =
+      static_cast<long long>(r_low) + saturating_trunc(t * span + 0.5);
   return window_at(pt, r, width, height);
 }

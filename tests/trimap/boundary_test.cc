@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <cstddef>
 #include <random>
 #include <string>
@@ -113,6 +114,9 @@ TEST(AdaRect_CCSz, ReachesOneMorePixelBeforeThanAfterAndClips) {
   EXPECT_TRUE(SameRect(far, dpl_rect{94, 100, 1, 7})) << Describe(far);
   const dpl_rect none = AdaRect_CCSz(dpl_pt2di{4, 4}, 0, 100, 100);
   EXPECT_TRUE(SameRect(none, dpl_rect{4, 4, 4, 4})) << Describe(none);
+  // Half-sizes past the int range clip instead of overflowing.
+  const dpl_rect all = AdaRect_CCSz(dpl_pt2di{5, 5}, INT_MAX, 10, 10);
+  EXPECT_TRUE(SameRect(all, dpl_rect{0, 10, 0, 10})) << Describe(all);
 }
 
 // Two colours on either side of a vertical mask edge at column 15.
