@@ -100,8 +100,9 @@ SOFTMATTE_API void merge_c31(const unsigned char* src3, int width, int height,
 // ---- Downsampling ----
 // Planes are 8-bit with strides in bytes; nothing happens on a null plane.
 
-// Nearest-neighbour reduction of src into dst, N bytes per pixel; the last
-// column and row come from the last source column and row.
+// Nearest-neighbour reduction of src into dst, N bytes per pixel (1, 3, 4);
+// the last of several columns is the source's last, and a single destination
+// column or row takes the first source one.
 template <int N>
 SOFTMATTE_API void _dsam_image_x(const unsigned char* src, int width,
                                  int height, int src_stride, unsigned char* dst,

@@ -75,9 +75,9 @@ SOFTMATTE_API void MakeTrimapFromSegRes(
 
 // ---- Seeds and matte inversion ----
 
-// Copies alpha to out, with 128 wherever the window | 1 sized window of alpha
-// spans 128 or more and flat 128s turned into 127; nothing when either is
-// null.
+// Copies alpha to out as seeds: 128 where alpha varies by 128 or more within
+// the (window | 1)-wide square, flat 128s become 127; nothing when alpha or
+// out is null.
 SOFTMATTE_API void MakeSeeds(const unsigned char* alpha, int width, int height,
                              int stride, unsigned char* out, int out_stride,
                              int window);
