@@ -420,6 +420,32 @@ TEST(DSCMatting, KeepLimitsTheFragmentsOfTheSessionMatte) {
   }
 }
 
+TEST(DSCMatting, MakeMatteKeepCountsBackgroundRegions) {
+  // The cleanup runs in the session's polarity, where the background is the
+  // high side: keep 1 keeps only the largest background region, so the hole
+  // of a ring-shaped subject comes back as subject.
+  const int w = 100, h = 90;
+  const double cx = 50, cy = 45;
+  const Photo photo = DiscOnGradient(w, h, cx, cy, 35, 37);
+  Plane ring = DiscPlane(w, h, cx, cy, 35, 255, 0);
+  const Plane hole = DiscPlane(w, h, cx, cy, 15, 1, 0);
+  for (size_t i = 0; i < ring.size(); ++i) {
+    if (hole[i]) ring[i] = 0;
+  }
+  unsigned char centre[2] = {};
+  for (int keep : {0, 1}) {
+    DSCMatting session(photo.bytes.data(), w, h, photo.stride, ring.data(), w,
+                       1000, 4, 0.5, 3, 5, 50, 1);
+    Plane out(ring.size());
+    ASSERT_EQ(session.MakeMatte(out.data(), w, h, w, 3, keep), 1);
+    EXPECT_EQ(out[45 * w + 50 - 40], 0) << "keep " << keep;    // outside
+    EXPECT_EQ(out[45 * w + 50 + 25], 255) << "keep " << keep;  // on the ring
+    centre[keep] = out[45 * w + 50];
+  }
+  EXPECT_EQ(centre[0], 0);
+  EXPECT_EQ(centre[1], 255);
+}
+
 // The colours mat_estimate_fb_color gives for the session's current matte.
 Plane ForegroundOf(const Photo& photo, DSCMatting& session) {
   int stride = 0;
