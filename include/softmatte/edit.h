@@ -70,4 +70,62 @@ SOFTMATTE_API double mat_estimate_opt_level(const unsigned char* trimap,
 SOFTMATTE_API void mat_calc_S_transform(unsigned char* curve, int steepness,
                                         int level);
 
+// ---- Brush editing ----
+// Planes are the brush rectangle, one-channel 8-bit unless channels is given;
+// border is the window filters' {left, top, right, bottom} or null. acc holds
+// the largest weight applied so far in the stroke; only a larger one acts.
+
+// Fills weight with a rounded dab: 255 where 1 - (normalised radius) > flat,
+// falling towards a small positive weight in the corners.
+SOFTMATTE_API void mat_make_rect_weight(unsigned char* weight, int width,
+                                        int height, int step, float flat);
+// Lowers dst towards 0 by weight, from alpha's ksize mean and its wider
+// maximum, keeping the smaller of dst and the result.
+SOFTMATTE_API void mat_erode_brush(const unsigned char* alpha, int width,
+                                   int height, int alphaStep,
+                                   const unsigned char* weight, int weightStep,
+                                   unsigned char* dst, int dstStep, int ksize,
+                                   int* border);
+// Raises dst towards the local maximum by weight; as mat_erode_brush.
+SOFTMATTE_API void mat_dilate_brush(const unsigned char* alpha, int width,
+                                    int height, int alphaStep,
+                                    const unsigned char* weight, int weightStep,
+                                    unsigned char* dst, int dstStep, int ksize,
+                                    int* border);
+// dst = alpha moved towards value by weight where weight exceeds acc, which
+// it then replaces.
+SOFTMATTE_API void mat_set_brush(const unsigned char* alpha, int width,
+                                 int height, int alphaStep,
+                                 const unsigned char* weight, int weightStep,
+                                 unsigned char* acc, int accStep,
+                                 unsigned char* dst, int dstStep,
+                                 unsigned char value);
+// dst = rounded ksize box mean of src, channels interleaved.
+SOFTMATTE_API void mat_smooth_brush(const unsigned char* src, int width,
+                                    int height, int srcStep, int channels,
+                                    unsigned char* dst, int dstStep, int ksize,
+                                    int* border);
+// Blends dst (channels interleaved) back towards saved by weight where weight
+// exceeds acc; track raises acc. With channels < 1 only acc is raised.
+SOFTMATTE_API void mat_undo_brush(const unsigned char* saved, int width,
+                                  int height, int savedStep, int channels,
+                                  const unsigned char* weight, int weightStep,
+                                  unsigned char* acc, int accStep,
+                                  unsigned char* dst, int dstStep, bool track);
+// Sets out1 and out2 to 0 where alpha's ksize maximum is below lo (lo > 0),
+// then to 255 where its minimum is above hi (hi < 255).
+SOFTMATTE_API void mat_brush_threshold(const unsigned char* alpha, int width,
+                                       int height, int alphaStep,
+                                       unsigned char* out1, int out1Step,
+                                       unsigned char* out2, int out2Step,
+                                       int ksize, int* border, unsigned char lo,
+                                       unsigned char hi);
+// Sets b to 128 where ref is 128 and known a and b differ by less than
+// tolerance.
+SOFTMATTE_API void mat_rectify_uialpha(const unsigned char* ref, int width,
+                                       int height, int refStep,
+                                       const unsigned char* a, int aStep,
+                                       unsigned char* b, int bStep,
+                                       int tolerance);
+
 #endif  // SOFTMATTE_EDIT_H_
