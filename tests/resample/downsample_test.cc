@@ -17,14 +17,14 @@ TEST(DsamImage, PicksNearestPixelsForEachChannelCount) {
       dsam_image(src.data(), w, h, ss, dst.data(), lw, lh, ds, ch);
       // Rounded scaled positions; one column takes column 0, the last of
       // several is pinned to the end.
+      const double sc = lw > 1 ? (w - 1.0) / (lw - 1) : 0,
+                   sr = (h - 1.0) / (lh - 1);
       for (int y = 0; y < lh; ++y) {
-        const int sy = static_cast<int>(y * ((h - 1.0) / (lh - 1)) + 0.5);
+        const int sy = static_cast<int>(y * sr + 0.5);
         for (int i = 0; i < lw * ch; ++i) {
-          const int x = i / ch,
-                    sx = lw == 1       ? 0
-                         : x == lw - 1 ? w - 1
-                                       : static_cast<int>(
-                                             x * ((w - 1.0) / (lw - 1)) + 0.5);
+          const int x = i / ch;
+          const int sx =
+              lw > 1 && x == lw - 1 ? w - 1 : static_cast<int>(x * sc + 0.5);
           ASSERT_EQ(dst[y * ds + i], ch == 2 ? before[y * ds + i]
                                              : src[sy * ss + sx * ch + i % ch])
               << ch << " channels, " << lw << " wide, at " << i << "," << y;
