@@ -23,8 +23,8 @@ unsigned char clamp_to_byte(int v) {
   return static_cast<unsigned char>(std::min(std::max(v, 0), 255));
 }
 
-// The arithmetic shift of a negative product is what rounds pushes towards
-// the image symmetrically with pulls; the low byte is kept as it comes.
+// The shift of a negative product floors (arithmetic shift); the block path
+// below reproduces exactly that rounding.
 unsigned char merge_channel(int image, int fore, int a) {
   return static_cast<unsigned char>(image + (((fore - image) * a + 127) >> 8));
 }
@@ -39,8 +39,8 @@ void merge_block(const unsigned char* __restrict image,
   constexpr int kBytes = kBlock * kRgbaChannels;
   unsigned short in[kBytes];
   unsigned short a[kBytes];
-  // Written out channel by channel: inner loops here keep the compiler from
-  // turning the block into straight vector code.
+  // Written out channel by channel: with inner loops here GCC's -O2
+  // vectoriser left the widening scalar, at twice the time of the block.
   for (int i = 0; i < kBlock; ++i) {
     const unsigned char* px = image + kImageChannels * i;
     unsigned short* wide = in + kRgbaChannels * i;
@@ -72,8 +72,9 @@ bool planes_overlap(const unsigned char* a, int aRowBytes, int aStride,
   return a0 < b1 && b0 < a1;
 }
 
-// The shared blend of both mat_improve_foreground forms at one pixel; pull
-// selects the target beside the reference rather than beyond it.
+// The blend both mat_improve_foreground forms share: the target lies between
+// the image colour and the reference (pull) or as far beyond the image colour
+// on the other side (push), by the pixel's transparency.
 void improve_pixel(const unsigned char* image, const unsigned char* ref,
                    bool pull, int alpha, int weight, unsigned char* out) {
   const float t = static_cast<float>(kOpaque - alpha) / 255.0f;

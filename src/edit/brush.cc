@@ -11,8 +11,8 @@ namespace {
 constexpr unsigned char kUnknown = 128;
 // Above sqrt(2) - 1, so that even a square patch's corners keep some weight.
 constexpr float kEdgeOffset = 0.42f;
-// Below this the brush's maximum window is too small to find the level it
-// erodes or dilates towards.
+// The maximum looks half the brush wide, but never less than 7 pixels, so
+// that a small brush still finds the level it moves towards.
 constexpr int kMinMaxWindow = 8;
 constexpr int kSmallMaxWindow = 7;
 
@@ -35,8 +35,9 @@ unsigned char weight_byte(float w) {
   return static_cast<unsigned char>(static_cast<int>(w * 255.0f + 0.5f));
 }
 
-// erode selects the pull towards 0 and the minimum; otherwise the push
-// towards the local maximum and the maximum.
+// Moves the local mean by its distance below the local maximum, scaled by the
+// mean's own level and the weight: down and keeping the smaller value when
+// erode, up and keeping the larger otherwise. Either result stays in 0..255.
 void erode_dilate_brush(const unsigned char* alpha, int width, int height,
                         int alphaStep, const unsigned char* weight,
                         int weightStep, unsigned char* dst, int dstStep,
