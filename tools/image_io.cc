@@ -92,41 +92,53 @@ extern "C" void JpegWarn(j_common_ptr info, int level) {
   if (level < 0 && info->err->msg_code == JWRN_JPEG_EOF) JpegFail(info);
 }
 
-bool ReadJpeg(FILE* file, const std::string& path, Layout layout, Picture* out,
-              std::string* error) {
+// Reads every row once the header is known; kept apart from the frame that
+// calls setjmp, so that nothing living there changes after it.
+void ReadRows(jpeg_decompress_struct* info, Picture* out) {
+  jpeg_start_decompress(info);
+  out->width = static_cast<int>(info->output_width);
+  out->height = static_cast<int>(info->output_height);
+  const size_t row = static_cast<size_t>(out->width) * out->channels;
+  out->pixels.resize(row * out->height);
+  while (info->output_scanline < info->output_height) {
+    JSAMPROW rows[1] = {out->pixels.data() + row * info->output_scanline};
+    jpeg_read_scanlines(info, rows, 1);
+  }
+  jpeg_finish_decompress(info);
+}
+
+// False with failure->message set when libjpeg gives up. Only plain C
+// objects live in this frame: a longjmp back into it skips no destructor.
+bool DecodeJpeg(FILE* file, J_COLOR_SPACE space, Picture* out,
+                JpegFailure* failure) {
   jpeg_decompress_struct info;
-  JpegFailure failure;
-  info.err = jpeg_std_error(&failure.manager);
-  failure.manager.error_exit = JpegFail;
-  failure.manager.emit_message = JpegWarn;
-  // Everything that must outlive a longjmp is declared above this line and
-  // has a trivial destructor, apart from out, which belongs to the caller.
-  if (setjmp(failure.jump)) {
+  info.err = jpeg_std_error(&failure->manager);
+  failure->manager.error_exit = JpegFail;
+  failure->manager.emit_message = JpegWarn;
+  if (setjmp(failure->jump)) {
     jpeg_destroy_decompress(&info);
-    *error = "cannot decode " + path + ": " + failure.message;
     return false;
   }
   jpeg_create_decompress(&info);
   jpeg_stdio_src(&info, file);
   jpeg_read_header(&info, TRUE);
-  const bool grey = layout == Layout::kGrey;
-  info.out_color_space = grey                      ? JCS_GRAYSCALE
-                         : layout == Layout::kBgr  ? JCS_EXT_BGR
-                         : layout == Layout::kBgra ? JCS_EXT_BGRA
-                                                   : JCS_EXT_RGBA;
-  jpeg_start_decompress(&info);
-  out->width = static_cast<int>(info.output_width);
-  out->height = static_cast<int>(info.output_height);
-  out->channels = ChannelsOf(layout);
-  const size_t row = static_cast<size_t>(out->width) * out->channels;
-  out->pixels.resize(row * out->height);
-  while (info.output_scanline < info.output_height) {
-    JSAMPROW rows[1] = {out->pixels.data() + row * info.output_scanline};
-    jpeg_read_scanlines(&info, rows, 1);
-  }
-  jpeg_finish_decompress(&info);
+  info.out_color_space = space;
+  ReadRows(&info, out);
   jpeg_destroy_decompress(&info);
   return true;
+}
+
+bool ReadJpeg(FILE* file, const std::string& path, Layout layout, Picture* out,
+              std::string* error) {
+  out->channels = ChannelsOf(layout);
+  const J_COLOR_SPACE space = layout == Layout::kGrey   ? JCS_GRAYSCALE
+                              : layout == Layout::kBgr  ? JCS_EXT_BGR
+                              : layout == Layout::kBgra ? JCS_EXT_BGRA
+                                                        : JCS_EXT_RGBA;
+  JpegFailure failure;
+  if (DecodeJpeg(file, space, out, &failure)) return true;
+  *error = "cannot decode " + path + ": " + failure.message;
+  return false;
 }
 
 }  // namespace
