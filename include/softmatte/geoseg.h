@@ -34,4 +34,37 @@ class SOFTMATTE_API GeoSeg {
   int row_pixels;  // pitch of both arrays; equals width
 };
 
+// The 24-neighbour form of GeoSeg: every pixel is linked to its whole 5x5
+// window, costs are scaled so that the image's mean step costs 128 and kept
+// to 16 bits, and labels other than 0 and the seed are walls.
+class SOFTMATTE_API GeoSegN24 {
+ public:
+  GeoSegN24();
+  ~GeoSegN24();
+  GeoSegN24(const GeoSegN24&) = delete;
+  GeoSegN24& operator=(const GeoSegN24&) = delete;
+
+  // Takes the step costs of image (pixels pixel_step bytes apart, first three
+  // bytes used); -1 and empty on a null image, 0 and empty when a side is
+  // below 1, else 0. reserved is not read.
+  int SetImage(const unsigned char* image, int width, int height,
+               int row_stride, int pixel_step, void* reserved);
+  // Writes the distance to the nearest label equal to seed into distance
+  // (stride in elements), 100000000 where none is reached; returns 0.
+  int GetDist(const unsigned char* labels, int label_stride,
+              unsigned int* distance, int distance_stride, unsigned char seed);
+  // Writes into probability (stride in elements), by mode: 3 gives
+  // D1 / (D2 + D1), 2 gives 1 - D2 / cap, 1 gives D1 / cap, the cap being
+  // where nine tenths of the distances lie; other modes leave it alone.
+  // Returns 0; reserved is not read.
+  int GetProb(const unsigned char* labels, int label_stride, float* probability,
+              int probability_stride, int mode, unsigned char* reserved);
+
+  unsigned short* edge_weights;   // 24 costs per pixel, width pixels a row
+  unsigned int* distance_buffer;  // (width + 4) x (height + 4): 2-pixel border
+  int width;
+  int height;
+  int row_pixels;  // pitch of edge_weights; equals width
+};
+
 #endif  // SOFTMATTE_GEOSEG_H_

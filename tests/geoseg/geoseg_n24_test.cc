@@ -1,0 +1,175 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <vector>
+
+#include "softmatte/geoseg.h"
+
+namespace {
+
+constexpr unsigned int kFar = 100000000;
+
+// Direction k of a pixel's 24 costs: the causal half in raster order, then
+// the same directions reversed.
+int Dx(int k) { return k < 12 ? (k < 10 ? k % 5 - 2 : k - 12) : -Dx(k - 12); }
+int Dy(int k) { return k < 12 ? (k < 5 ? -2 : k < 10 ? -1 : 0) : -Dy(k - 12); }
+
+// An image with padded rows, pixels `step` bytes apart, and labels w + 3 a
+// row. kind 0: noise; 1: flat but for one speck, whose steps saturate in a
+// large image; 2: stripes at least two wide, across which shortest paths are
+// monotone, so that one sweep is exact. Seeds of label 2 are scattered;
+// labels 1 and 3 fill whole lines along the stripes: walls that bend no path.
+struct Scene {
+  int w, h, step, stride;
+  std::vector<unsigned char> rgb, labels;
+  bool In(int x, int y) const { return x >= 0 && x < w && y >= 0 && y < h; }
+  unsigned char Label(int i) const { return labels[i / w * (w + 3) + i % w]; }
+  int Sq(int i, int k) const {  // 0 toward the outside
+    if (!In(i % w + Dx(k), i / w + Dy(k))) return 0;
+    const unsigned char* p = &rgb[i / w * stride + i % w * step];
+    const unsigned char* q = p + Dy(k) * stride + Dx(k) * step;
+    int d = 0;
+    for (int c = 0; c < 3; ++c) d += (p[c] - q[c]) * (p[c] - q[c]);
+    return d;
+  }
+};
+
+Scene MakeScene(int w, int h, int kind, std::mt19937& rng) {
+  const int step = 3 + kind % 2, stride = step * w + 5;
+  Scene s{w,
+          h,
+          step,
+          stride,
+          std::vector<unsigned char>(stride * h, 0xA5),
+          std::vector<unsigned char>((w + 3) * h, 0xA5)};
+  const bool across = rng() % 2;
+  const int speck = static_cast<int>(rng() % (w * h));
+  std::vector<unsigned char> shade(3 * (w + h)), line(w + h);
+  for (auto& v : shade) v = static_cast<unsigned char>(rng());
+  for (auto& v : line) v = rng() % 5 ? 0 : 1 + rng() % 2 * 2;
+  for (int i = 0; i < w * h; ++i) {
+    const int x = i % w, y = i / w, along = across ? x : y;
+    s.labels[y * (w + 3) + x] = line[along] ? line[along] : rng() % 9 ? 0 : 2;
+    for (int c = 0; c < 3; ++c) {
+      s.rgb[y * stride + x * step + c] = kind == 0   ? rng()
+                                         : kind == 1 ? (i == speck ? 255 : 9)
+                                                     : shade[along / 2 * 3 + c];
+    }
+  }
+  return s;
+}
+
+// Costs straight from the rule, each end of a step taken on its own.
+std::vector<unsigned int> RefCosts(const Scene& s) {
+  double sum = 0;
+  for (int i = 0; i < s.w * s.h * 12; ++i) sum += s.Sq(i / 12, i % 12);
+  const double scale = 128.0 / (sum / (12.0 * s.w * s.h));
+  std::vector<unsigned int> c(s.w * s.h * 24);
+  for (size_t i = 0; i < c.size(); ++i) {
+    const double v = s.Sq(i / 24, i % 24) * scale;
+    c[i] = v >= 65536 ? 65535 : v >= 1 ? static_cast<unsigned int>(v) : 1;
+  }
+  return c;
+}
+
+// The four passes pixel by pixel, each taking the neighbours behind it in
+// its scan order, with bounds tests where the library has a border. Repeated
+// until nothing changes they give the true geodesic distances, since every
+// direction is behind in some pass.
+std::vector<unsigned int> Sweep(const Scene& s,
+                                const std::vector<unsigned int>& c,
+                                unsigned char seed, bool settle) {
+  std::vector<unsigned int> d(s.w * s.h, kFar), before;
+  while (before != d) {
+    before = d;
+    for (int j = 0; j < 4 * s.w * s.h; ++j) {
+      const int pass = j / (s.w * s.h), sy = pass % 2 ? -1 : 1,
+                sx = pass % 3 ? -1 : 1, row = j / s.w % s.h, col = j % s.w;
+      const int y = sy > 0 ? row : s.h - 1 - row;
+      const int x = sx > 0 ? col : s.w - 1 - col, p = y * s.w + x;
+      if (s.Label(p) != 0) d[p] = s.Label(p) == seed ? 0 : kFar;
+      for (int k = 0; k < 24 && s.Label(p) == 0; ++k) {
+        const bool behind = Dy(k) * sy < 0 || (Dy(k) == 0 && Dx(k) * sx < 0);
+        if (!behind || !s.In(x + Dx(k), y + Dy(k))) continue;
+        d[p] = std::min(d[p], d[p + Dy(k) * s.w + Dx(k)] + c[p * 24 + k]);
+      }
+    }
+    if (!settle) break;
+  }
+  return d;
+}
+
+// Runs a query into a plane of w + 2 a row; the padding must keep its fill.
+template <typename T, typename Query>
+std::vector<T> Padded(int w, int h, T fill, Query query) {
+  std::vector<T> plane((w + 2) * h, fill), out, pad;
+  query(plane.data(), w + 2);
+  for (int i = 0; i < (w + 2) * h; ++i) {
+    (i % (w + 2) < w ? out : pad).push_back(plane[i]);
+  }
+  EXPECT_EQ(pad, std::vector<T>(2 * h, fill));
+  return out;
+}
+
+// What GetProb must make of the distances. The cap comes from sorting, not
+// a histogram walk: one bin below the bin of the (n / 10)-th largest
+// distance, or the top bin when n / 10 is 0.
+std::vector<float> RefProb(const std::vector<unsigned int>& d1,
+                           const std::vector<unsigned int>& d2, int mode,
+                           float fill) {
+  const std::vector<unsigned int>& d = mode == 2 ? d2 : d1;
+  std::vector<long long> bins(d.begin(), d.end());
+  for (auto& b : bins) b >>= 3;
+  std::sort(bins.rbegin(), bins.rend());
+  const size_t r = d.size() / 10;
+  const long long cap = r ? 8 * (bins[r - 1] - 1) : 8 * bins[0];
+  const float k = 1.0f / static_cast<float>(cap | 1);
+  std::vector<float> p(d.size(), fill);
+  for (size_t i = 0; i < p.size(); ++i) {
+    const float v = k * static_cast<float>(std::min<long long>(d[i], cap));
+    if (mode == 1 || mode == 2) p[i] = mode == 2 ? 1.0f - v : v;
+    if (mode == 3) p[i] = 1.0f * d1[i] / (1.0f * d2[i] + d1[i]);
+  }
+  return p;
+}
+
+TEST(GeoSegN24, MatchesReferencesOnPaddedPlanes) {
+  std::mt19937 rng(2424);
+  size_t saturated = 0;
+  for (int i = 0; i < 60; ++i) {
+    const int widths[] = {1, 2, 7, 12, 37}, heights[] = {1, 4, 9, 31};
+    const Scene s = MakeScene(widths[i % 5], heights[i / 5 % 4], i / 20, rng);
+    GeoSegN24 seg;
+    ASSERT_EQ(seg.SetImage(s.rgb.data(), s.w, s.h, s.stride, s.step, nullptr),
+              0);
+    const std::vector<unsigned int> c = RefCosts(s);
+    ASSERT_EQ(std::vector<unsigned int>(seg.edge_weights,
+                                        seg.edge_weights + c.size()),
+              c);
+    saturated += std::count(c.begin(), c.end(), 65535u);
+    std::vector<unsigned int> d[3];
+    for (unsigned char seed : {1, 2}) {
+      d[seed] = Padded(s.w, s.h, 0xA5A5A5A5u, [&](unsigned int* p, int n) {
+        seg.GetDist(s.labels.data(), s.w + 3, p, n, seed);
+      });
+    }
+    for (unsigned char seed : {1, 2}) {
+      EXPECT_EQ(d[seed], Sweep(s, c, seed, false)) << i << " seed " << +seed;
+    }
+    EXPECT_TRUE(i / 20 != 2 || d[2] == Sweep(s, c, 2, true)) << i;
+    for (int mode : {3, 2, 1, 0, 6}) {
+      const auto p = Padded(s.w, s.h, -7.0f, [&](float* out, int n) {
+        seg.GetProb(s.labels.data(), s.w + 3, out, n, mode, nullptr);
+      });
+      EXPECT_EQ(p, RefProb(d[1], d[2], mode, -7.0f)) << i << " mode " << mode;
+    }
+  }
+  EXPECT_GT(saturated, 0u);
+  GeoSegN24 empty;
+  const unsigned char pixel[3] = {};
+  EXPECT_EQ(empty.SetImage(nullptr, 1, 1, 3, 3, nullptr), -1);
+  EXPECT_EQ(empty.SetImage(pixel, 0, 1, 3, 3, nullptr), 0);
+}
+
+}  // namespace
