@@ -14,6 +14,9 @@ constexpr unsigned char kSentinel = 0xA5;
 // Fills v with bytes from a fixed-seed generator: a failure must replay.
 void FillRandom(std::vector<unsigned char>& v, uint32_t seed);
 
+// size bytes from the same fixed-seed generator.
+std::vector<unsigned char> RandomBytes(size_t size, uint32_t seed);
+
 // A plane of height rows of stride bytes: the first rowBytes of each row
 // random, the padding set to kSentinel.
 std::vector<unsigned char> RandomPlane(int rowBytes, int height, int stride,

@@ -14,6 +14,12 @@ void FillRandom(std::vector<unsigned char>& v, uint32_t seed) {
   for (auto& b : v) b = static_cast<unsigned char>(rng());
 }
 
+std::vector<unsigned char> RandomBytes(size_t size, uint32_t seed) {
+  std::vector<unsigned char> v(size);
+  FillRandom(v, seed);
+  return v;
+}
+
 std::vector<unsigned char> RandomPlane(int rowBytes, int height, int stride,
                                        uint32_t seed) {
   std::vector<unsigned char> plane(static_cast<size_t>(stride) * height,
