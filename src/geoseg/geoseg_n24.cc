@@ -11,7 +11,9 @@ constexpr unsigned int kUnreached = 100000000;
 constexpr int kBorder = 2;  // the distance buffer's margin on every side
 constexpr int kCausal = 12;
 constexpr int kCosts = 2 * kCausal;
-constexpr int kOtherRows = 10;  // causal neighbours not in the pixel's row
+constexpr int kOtherRows = 10;
+constexpr unsigned short kOutsideCost =
+    1;  // causal neighbours not in the pixel's row
 
 // The causal half of the 5x5 window in raster order; cost k + 12 is the step
 // toward the opposite neighbour (-dx, -dy).
@@ -24,35 +26,37 @@ constexpr int kRight1 = kLeft1 + kCausal;
 
 // Squared colour differences toward the causal neighbours of one row, 12 per
 // pixel; 0 toward a neighbour off the image. Exact in float: at most 195075.
-void row_differences(const unsigned char* image, int width, int height,
+void row_differences(const unsigned char* image, int width,
                      std::ptrdiff_t row_stride, int pixel_step, int y,
                      float* out) {
+  std::fill(out, out + static_cast<std::ptrdiff_t>(width) * kCausal, 0.0f);
   const unsigned char* row = image + y * row_stride;
-  for (int x = 0; x < width; ++x) {
-    const unsigned char* p = row + static_cast<std::ptrdiff_t>(x) * pixel_step;
-    for (int k = 0; k < kCausal; ++k) {
-      const int qx = x + kDx[k];
-      const int qy = y + kDy[k];
+  for (int k = 0; k < kCausal; ++k) {
+    // Only the columns whose neighbour k lies on the image, so that the
+    // inner loop has no tests.
+    const int first = std::max(0, -kDx[k]);
+    const int end = std::min(width, width - kDx[k]);
+    if (y + kDy[k] < 0 || first >= end) continue;
+    const std::ptrdiff_t to_q =
+        kDy[k] * row_stride + static_cast<std::ptrdiff_t>(kDx[k]) * pixel_step;
+    for (int x = first; x < end; ++x) {
+      const unsigned char* p =
+          row + static_cast<std::ptrdiff_t>(x) * pixel_step;
+      const unsigned char* q = p + to_q;
       int d = 0;
-      if (qx >= 0 && qx < width && qy >= 0 && qy < height) {
-        const unsigned char* q =
-            p + kDy[k] * row_stride +
-            static_cast<std::ptrdiff_t>(kDx[k]) * pixel_step;
-        for (int c = 0; c < 3; ++c) d += (p[c] - q[c]) * (p[c] - q[c]);
-      }
+      for (int c = 0; c < 3; ++c) d += (p[c] - q[c]) * (p[c] - q[c]);
       out[x * kCausal + k] = static_cast<float>(d);
     }
   }
 }
 
+// Saturates: a wrapped strong edge would become a cheap step. Below 1 a step
+// would be free and tie a whole region with its seed; so would NaN, 0 times
+// the infinite scale of a flat image, which the argument order of max and
+// min turns into 1.
 unsigned short scaled_cost(float d, double scale) {
-  const double v = d * scale;
-  // Saturate: a wrapped strong edge would become a cheap step.
-  if (v >= 65536.0) return 65535;
-  // Below 1 (or NaN: 0 times the infinite scale of a flat image) a step would
-  // be free and tie a whole region with its seed.
-  if (!(v >= 1.0)) return 1;
-  return static_cast<unsigned short>(v);
+  return static_cast<unsigned short>(
+      std::max(1.0, std::min(d * scale, 65535.0)));
 }
 
 struct Plane {
@@ -190,8 +194,7 @@ int GeoSegN24::SetImage(const unsigned char* image, int image_width,
       new float[static_cast<std::size_t>(width) * kCausal]);
   double sum = 0.0;  // exact: integers far below 2^53
   for (int y = 0; y < height; ++y) {
-    row_differences(image, width, height, row_stride, pixel_step, y,
-                    diff.get());
+    row_differences(image, width, row_stride, pixel_step, y, diff.get());
     for (int i = 0; i < width * kCausal; ++i) sum += diff[i];
   }
   const double scale =
@@ -199,8 +202,7 @@ int GeoSegN24::SetImage(const unsigned char* image, int image_width,
 
   const std::ptrdiff_t pitch = static_cast<std::ptrdiff_t>(width) * kCosts;
   for (int y = 0; y < height; ++y) {
-    row_differences(image, width, height, row_stride, pixel_step, y,
-                    diff.get());
+    row_differences(image, width, row_stride, pixel_step, y, diff.get());
     unsigned short* row = edge_weights + y * pitch;
     for (int x = 0; x < width; ++x) {
       for (int k = 0; k < kCausal; ++k) {
@@ -210,17 +212,22 @@ int GeoSegN24::SetImage(const unsigned char* image, int image_width,
   }
   // Both ends of a step must see one cost: each pixel's second half is its
   // neighbours' first. Toward the outside the cost is that of a zero
-  // difference, never read past the border anyway.
+  // difference, 1 whatever the scale, and never read past the border.
   for (int y = 0; y < height; ++y) {
-    unsigned short* row = edge_weights + y * pitch;
-    for (int x = 0; x < width; ++x) {
+    // Where each of the twelve opposite costs is kept: the neighbour's row,
+    // or none below the image.
+    const unsigned short* from[kCausal];
+    for (int k = 0; k < kCausal; ++k) {
+      from[k] = y - kDy[k] < height ? edge_weights + (y - kDy[k]) * pitch + k
+                                    : nullptr;
+    }
+    unsigned short* out = edge_weights + y * pitch + kCausal;
+    for (int x = 0; x < width; ++x, out += kCosts) {
       for (int k = 0; k < kCausal; ++k) {
         const int qx = x - kDx[k];
-        const int qy = y - kDy[k];
-        row[x * kCosts + kCausal + k] =
-            qx >= 0 && qx < width && qy < height
-                ? edge_weights[qy * pitch + qx * kCosts + k]
-                : scaled_cost(0.0f, scale);
+        out[k] = from[k] != nullptr && qx >= 0 && qx < width
+                     ? from[k][qx * kCosts]
+                     : kOutsideCost;
       }
     }
   }
