@@ -37,10 +37,9 @@ void resize_nearest(const void* src, int srcWidth, int srcHeight, int srcStep,
 // 16-bit values would show the weights' rounding, so they and floats use
 // float weights, and s32, which a float would round, double ones.
 template <typename T>
-using WeightOf =
-    std::conditional_t<sizeof(T) == 1, int,
-                       std::conditional_t<std::is_same_v<T, int>, double,
-                                          float>>;
+using WeightOf = std::conditional_t<
+    sizeof(T) == 1, int,
+    std::conditional_t<std::is_same_v<T, int>, double, float>>;
 
 template <typename T, int Taps>
 void resample(const void* src, int srcWidth, int srcHeight, int srcStep,
