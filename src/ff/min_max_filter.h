@@ -249,14 +249,25 @@ void _mm_filter_2D_x(const T* src, int width, int height, int srcStep,
   }
 }
 
-// One channel: the horizontal pass into the intermediate plane of scratch,
-// the vertical pass over that plane's columns (the transposed view, in which
-// neighbouring columns are neighbouring lanes), then the copy into dst.
-// scratch holds min_max::PlaneScratchSize(width, height, ksize) elements.
+// One channel: the horizontal pass, then the vertical pass over the columns
+// (the transposed view, in which neighbouring columns are neighbouring
+// lanes). Both passes read a whole group of lines into the line buffer before
+// writing it back, so with packed destination pixels the horizontal pass goes
+// straight into dst and the vertical one runs in place there. Otherwise the
+// intermediate plane of scratch takes the two passes and is copied into dst.
+// scratch holds min_max::PlaneScratchSize(width, height, ksize) elements, or
+// min_max::LineScratchSize(max(width, height), ksize) with packed dst pixels.
 template <typename T, typename Cmp>
 void _mm_filter_2D_y(const T* src, int width, int height, int srcStep,
                      int srcPixStep, T* dst, int dstStep, int dstPixStep,
                      int ksize, T* scratch, T pad, Cmp cmp) {
+  if (dstPixStep == 1) {
+    _mm_filter_2D_x(src, width, height, srcStep, srcPixStep, dst, dstStep, 1,
+                    ksize, scratch, pad, cmp);
+    _mm_filter_2D_x(dst, height, width, 1, dstStep, dst, 1, dstStep, ksize,
+                    scratch, pad, cmp);
+    return;
+  }
   const int planeStep = width + 2;
   T* plane = scratch;
   T* lines = plane + static_cast<size_t>(height) * planeStep;
@@ -270,12 +281,8 @@ void _mm_filter_2D_y(const T* src, int width, int height, int srcStep,
   for (int y = 0; y < height; ++y) {
     const T* from = plane + static_cast<size_t>(y) * planeStep;
     T* to = dst + static_cast<ptrdiff_t>(y) * dstStep;
-    if (dstPixStep == 1) {
-      std::memcpy(to, from, width * sizeof(T));
-    } else {
-      for (int x = 0; x < width; ++x) {
-        to[static_cast<ptrdiff_t>(x) * dstPixStep] = from[x];
-      }
+    for (int x = 0; x < width; ++x) {
+      to[static_cast<ptrdiff_t>(x) * dstPixStep] = from[x];
     }
   }
 }
@@ -288,7 +295,11 @@ void _mm_filter_2D(const T* src, int width, int height, int srcStep,
                    T pad, Cmp cmp) {
   if (width < 1 || height < 1 || channels < 1) return;
   ksize = min_max::OddWindow(ksize);
-  T* scratch = new T[min_max::PlaneScratchSize(width, height, ksize)];
+  // One channel needs no intermediate plane; see _mm_filter_2D_y.
+  T* scratch =
+      new T[channels == 1
+                ? min_max::LineScratchSize(std::max(width, height), ksize)
+                : min_max::PlaneScratchSize(width, height, ksize)];
   const int passes = std::max(iterations, 1);
   for (int pass = 0; pass < passes; ++pass) {
     const T* from = pass == 0 ? src : dst;

@@ -198,19 +198,23 @@ TEST(MinMaxFilter, OneColumnTakesVerticalNeighboursOnly) {
 }
 
 TEST(MinMaxFilter, InPlaceMatchesSeparateOutput) {
-  const int width = 37;
-  const int height = 29;
-  const int stride = width * 3 + 2;
-  std::vector<unsigned char> plane = RandomPlane(width * 3, height, stride, 7);
-  std::vector<unsigned char> apart(plane.size(), kSentinel);
-  ff::ipf_max_filter(plane.data(), width, height, stride, 3, apart.data(),
-                     stride, 5, 2, nullptr);
-  ff::ipf_max_filter(plane.data(), width, height, stride, 3, plane.data(),
-                     stride, 5, 2, nullptr);
-  for (int y = 0; y < height; ++y) {
-    for (int x = 0; x < width * 3; ++x) {
-      const size_t i = static_cast<size_t>(y) * stride + x;
-      ASSERT_EQ(plane[i], apart[i]) << x << ", " << y;
+  // Wider and taller than one group of lines filtered together.
+  const int width = 83;
+  const int height = 71;
+  for (int channels : {1, 3}) {
+    const int stride = width * channels + 2;
+    std::vector<unsigned char> plane =
+        RandomPlane(width * channels, height, stride, 7);
+    std::vector<unsigned char> apart(plane.size(), kSentinel);
+    ff::ipf_max_filter(plane.data(), width, height, stride, channels,
+                       apart.data(), stride, 5, 2, nullptr);
+    ff::ipf_max_filter(plane.data(), width, height, stride, channels,
+                       plane.data(), stride, 5, 2, nullptr);
+    for (int y = 0; y < height; ++y) {
+      for (int x = 0; x < width * channels; ++x) {
+        const size_t i = static_cast<size_t>(y) * stride + x;
+        ASSERT_EQ(plane[i], apart[i]) << channels << ": " << x << ", " << y;
+      }
     }
   }
 }
