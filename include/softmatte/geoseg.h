@@ -54,9 +54,9 @@ class SOFTMATTE_API GeoSegN24 {
   int GetDist(const unsigned char* labels, int label_stride,
               unsigned int* distance, int distance_stride, unsigned char seed);
   // Writes into probability (stride in elements), by mode: 3 gives
-  // D1 / (D2 + D1), 2 gives 1 - D2 / cap, 1 gives D1 / cap, the cap being
-  // where nine tenths of the distances lie; other modes leave it alone.
-  // Returns 0; reserved is not read.
+  // D1 / (D2 + D1), 2 gives 1 - min(D2, cap) / cap, 1 gives min(D1, cap) / cap,
+  // the cap being where nine tenths of the distances lie; other modes leave
+  // it alone. Returns 0; reserved is not read.
   int GetProb(const unsigned char* labels, int label_stride, float* probability,
               int probability_stride, int mode, unsigned char* reserved);
 
