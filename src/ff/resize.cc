@@ -13,8 +13,9 @@ namespace {
 // floats become vector instructions on any target.
 constexpr int kBlendLanes = 16;
 
-// The source and destination row of nearest-neighbour resize; N elements per
-// pixel, whatever the pixel steps.
+// One destination row of the nearest-neighbour resize from its source row,
+// N elements per pixel; packed pixels get a constant stride the compiler
+// can see.
 template <typename T, int N>
 void CopyRowNearest(const T* srcRow, const int* colTab, T* dstRow, int width,
                     int dstPixStep) {
@@ -145,9 +146,8 @@ void ipf_calc_resize_tab_bl(int srcLen, int dstLen, int* tab, float* frac,
 template <typename T, typename C>
 void ipf_resize_nn(const T* src, int srcWidth, int srcHeight, int srcStep,
                    int srcPixStep, T* dst, int dstWidth, int dstHeight,
-                   int dstStep, int dstPixStep, C tag) {
+                   int dstStep, int dstPixStep, C) {
   constexpr int N = ChannelsOf(C());
-  static_cast<void>(tag);
   if (dstWidth < 1 || dstHeight < 1) return;
   if (srcPixStep == N && dstPixStep == N && srcWidth == dstWidth &&
       srcHeight == dstHeight) {
