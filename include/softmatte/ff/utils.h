@@ -21,10 +21,11 @@ namespace ff {
 // Every function returns 1 when it did its work and 0, writing nothing, on
 // a null plane, a width or height below 1, or an unusable argument. The
 // format word must be valid: element kind 0-5 (s8, u8, s16, u16, s32, f32)
-// with its own byte count in bits 4-7 and 1-255 channels; only fiuCopy,
-// which the FVTImage copy constructor relies on, moves the bytes of any
-// format with a non-zero pixel size. Source and destination are either the
-// same plane (where a function says it may run in place) or do not overlap.
+// with its own byte count in bits 4-7, 1-255 channels and no bits above
+// 15; only fiuCopy, which the FVTImage copy constructor relies on, moves the
+// bytes of any format with a non-zero pixel size. Source and destination
+// are either the same plane (where a function says it may run in place) or
+// do not overlap.
 //
 // The fi... forms take the destination's size and format from what they
 // produce: dst.ResetIf(...) leaves a matching image (or view) alone and
@@ -237,7 +238,7 @@ int fiTransform(const FVTImage& src, FVTImage& dst, int dstChannels, F&& f) {
 
 // ---- Resizing ----
 
-constexpr int kResizeNearest = 0;   // nearest pixel, any format
+constexpr int kResizeNearest = 0;   // nearest pixel, copied as bytes
 constexpr int kResizeBilinear = 1;  // 2 x 2 taps
 constexpr int kResizeCubic = 2;     // 4 x 4 taps, Keys kernel a = -0.5
 
