@@ -220,8 +220,8 @@ void DivideRow(const unsigned* __restrict sums, const int* __restrict counts,
 }
 
 // Rounded mean of each channel by its pixel's count; a count of 0 gives 0.
-// Rows go in four bands one after the other, as the matte tools expect of
-// every banded loop; the result does not depend on it. The window sums of a
+// Rows go in four bands one after the other, like the library's other banded
+// loops; the result does not depend on it. The window sums of a
 // row are divided as soon as they are made, so no sum plane is kept; without
 // a caller's count plane the counts are made a row at a time too, as they
 // are products of the two axis counts.
