@@ -85,12 +85,10 @@ TEST(MaskRange, MatchesBruteForceAndResetsBothEndsOnFailure) {
       for (int k = static_cast<int>(rng() % 3); k > 0; --k) {
         v[rng() % n] = static_cast<unsigned char>(1 + rng() % 255);
       }
-      std::pair<int, int> want(-1, -1);
-      for (int i = 0; i < n; ++i) {
-        if (v[i] == 0) continue;
-        if (want.first < 0) want.first = i;
-        want.second = i + 1;
-      }
+      const auto box =
+          BruteForceBox(n, 1, [&](int x, int) { return v[x] != 0; });
+      const auto want = box.first ? std::make_pair(box.second[0], box.second[2])
+                                  : std::make_pair(-1, -1);
       std::pair<int, int> got(3, 3);  // callers read both ends regardless
       EXPECT_EQ(ff::ipf_get_mask_range(v.data(), n, got.first, got.second),
                 want.first >= 0);

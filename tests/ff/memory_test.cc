@@ -14,7 +14,7 @@
 namespace {
 
 bool g_recording = false;
-std::vector<void*>* g_deleted = nullptr;
+std::vector<void*> g_deleted;  // grows through plain new, not array new
 
 }  // namespace
 
@@ -24,11 +24,7 @@ void* operator new[](std::size_t size) {
 }
 
 void operator delete[](void* p) noexcept {
-  if (g_recording && p != nullptr) {
-    g_recording = false;  // the log's own growth is not recorded
-    g_deleted->push_back(p);
-    g_recording = true;
-  }
+  if (g_recording && p != nullptr) g_deleted.push_back(p);
   std::free(p);
 }
 
@@ -40,17 +36,13 @@ namespace {
 // registry's own tables are left out.
 template <typename F>
 std::vector<void*> DeletedAmong(const std::vector<void*>& blocks, F f) {
-  std::vector<void*> log;
-  log.reserve(4096);
-  g_deleted = &log;
+  g_deleted.clear();
   g_recording = true;
   f();
   g_recording = false;
   std::vector<void*> seen;
-  for (void* p : log) {
-    if (std::find(blocks.begin(), blocks.end(), p) != blocks.end()) {
-      seen.push_back(p);
-    }
+  for (void* p : g_deleted) {
+    if (std::count(blocks.begin(), blocks.end(), p)) seen.push_back(p);
   }
   return seen;
 }
@@ -62,7 +54,7 @@ void First() {
   g_calls.push_back(1);
   // Blocks go before any callback runs.
   g_block_gone_first =
-      std::count(g_deleted->begin(), g_deleted->end(), g_block) == 1;
+      std::count(g_deleted.begin(), g_deleted.end(), g_block) == 1;
 }
 void Late() { g_calls.push_back(4); }
 void Registers() {
