@@ -46,31 +46,28 @@ Plane MakeMatte(int width, int height, int kind, std::mt19937& rng) {
   return p;
 }
 
-// Labels of the 4-connected components of equal value, and their sizes.
+// Labels each pixel with the smallest index of its 4-connected component of
+// equal values, spreading minima until nothing changes; counts the sizes.
 struct Components {
   std::vector<int> label, size;
 };
 
 Components FloodFill(const std::vector<int>& values, int width) {
-  Components c;
-  c.label.assign(values.size(), -1);
-  for (size_t start = 0; start < values.size(); ++start) {
-    if (c.label[start] >= 0) continue;
-    const int id = static_cast<int>(c.size.size());
-    c.size.push_back(0);
-    c.label[start] = id;
-    for (std::vector<int> stack = {int(start)}; !stack.empty();) {
-      const int i = stack.back();
-      stack.pop_back();
-      ++c.size[id];
-      for (int j : {i % width ? i - 1 : -1, (i + 1) % width ? i + 1 : -1,
-                    i - width, i + width}) {
-        if (j < 0 || j >= int(values.size())) continue;
-        if (c.label[j] < 0 && values[j] == values[i])
-          stack.push_back(j), c.label[j] = id;
+  const int n = int(values.size());
+  Components c{std::vector<int>(n), std::vector<int>(n, 0)};
+  for (int i = 0; i < n; ++i) c.label[i] = i;
+  for (bool changed = true; changed;) {
+    changed = false;
+    for (int i = 0; i < n; ++i) {
+      for (int j : {(i + 1) % width ? i + 1 : n, i + width}) {
+        if (j >= n || values[j] != values[i] || c.label[i] == c.label[j])
+          continue;
+        c.label[i] = c.label[j] = std::min(c.label[i], c.label[j]);
+        changed = true;
       }
     }
   }
+  for (int l : c.label) ++c.size[l];
   return c;
 }
 

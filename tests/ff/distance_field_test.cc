@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdlib>
-#include <functional>
-#include <queue>
 #include <random>
 #include <tuple>
 #include <utility>
@@ -20,34 +18,31 @@ constexpr unsigned char kWall = 3;
 using Dists = std::vector<unsigned int>;
 
 // Shortest chamfer path (100 a face, 141 an edge, 173 a corner step) from
-// any target voxel to each label-0 voxel through label-0 voxels only.
+// any target voxel to each label-0 voxel through label-0 voxels only,
+// relaxed over every step until nothing changes.
 Dists Dijkstra(const std::vector<unsigned char>& labels, int width, int height,
                int depth) {
   Dists dist(labels.size(), kUnreached);
-  using Item = std::pair<unsigned int, size_t>;
-  std::priority_queue<Item, std::vector<Item>, std::greater<Item>> queue;
   for (size_t i = 0; i < labels.size(); ++i)
-    if (labels[i] == kTarget) queue.push({dist[i] = 0, i});
-  while (!queue.empty()) {
-    const auto [d, i] = queue.top();
-    queue.pop();
-    if (d != dist[i]) continue;
-    const int x = int(i % width), y = int(i / width % height),
-              z = int(i / width / height);
-    for (int dz = -1; dz <= 1; ++dz) {
-      for (int dy = -1; dy <= 1; ++dy) {
-        for (int dx = -1; dx <= 1; ++dx) {
-          const int nx = x + dx, ny = y + dy, nz = z + dz;
-          if (nx < 0 || ny < 0 || nz < 0 || nx >= width || ny >= height ||
-              nz >= depth)
-            continue;
-          const unsigned int w =
-              100 + 41 * (std::abs(dx) + std::abs(dy) + std::abs(dz) - 1) -
-              9 * (dx && dy && dz);
-          const size_t j = (size_t(nz) * height + ny) * width + nx;
-          if (labels[j] != 0 || j == i || d + w >= dist[j]) continue;
-          queue.push({dist[j] = d + w, j});
-        }
+    dist[i] = labels[i] == kTarget ? 0 : kUnreached;
+  for (bool changed = true; changed;) {
+    changed = false;
+    for (size_t i = 0; i < labels.size(); ++i) {
+      const int x = int(i % width), y = int(i / width % height),
+                z = int(i / width / height);
+      for (int n = 0; n < 27; ++n) {
+        const int dx = n % 3 - 1, dy = n / 3 % 3 - 1, dz = n / 9 - 1;
+        const int nx = x + dx, ny = y + dy, nz = z + dz;
+        if (nx < 0 || ny < 0 || nz < 0 || nx >= width || ny >= height ||
+            nz >= depth)
+          continue;
+        const size_t j = (size_t(nz) * height + ny) * width + nx;
+        const unsigned int w =
+            100 + 41 * (std::abs(dx) + std::abs(dy) + std::abs(dz) - 1) -
+            9 * (dx && dy && dz);
+        if (labels[j] != 0 || j == i || dist[i] + w >= dist[j]) continue;
+        dist[j] = dist[i] + w;
+        changed = true;
       }
     }
   }

@@ -4,8 +4,6 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <functional>
-#include <queue>
 #include <random>
 #include <utility>
 #include <vector>
@@ -50,45 +48,38 @@ Picture SeparablePicture(int width, int height, std::mt19937& rng) {
   return pic;
 }
 
-// Squared colour difference, low 16 bits, never 0.
-unsigned int ReferenceCost(const unsigned char* p, const unsigned char* q) {
-  int d = 0;
-  for (int c = 0; c < 3; ++c) d += (p[c] - q[c]) * (p[c] - q[c]);
-  return d % 65536 == 0 ? 1 : d % 65536;
-}
-
-// Each side from its own pixel pair, so that the library's sharing of one
-// step between its two ends is checked, not assumed.
+// Per pixel the left, up, right and down step cost: the squared colour
+// difference, low 16 bits, never 0 (1 off the image). Each side comes from
+// its own pixel pair, so the library's sharing of a step is checked.
 std::vector<unsigned int> ReferenceCosts(const Picture& pic) {
-  std::vector<unsigned int> costs(size_t(pic.width) * pic.height * 4);
-  for (int y = 0; y < pic.height; ++y) {
-    for (int x = 0; x < pic.width; ++x) {
-      unsigned int* c = &costs[(size_t(y) * pic.width + x) * 4];
-      const unsigned char* p = pic.at(x, y);
-      c[kLeft] = x > 0 ? ReferenceCost(p, pic.at(x - 1, y)) : 1;
-      c[kUp] = y > 0 ? ReferenceCost(p, pic.at(x, y - 1)) : 1;
-      c[kRight] = x + 1 < pic.width ? ReferenceCost(p, pic.at(x + 1, y)) : 1;
-      c[kDown] = y + 1 < pic.height ? ReferenceCost(p, pic.at(x, y + 1)) : 1;
+  std::vector<unsigned int> costs;
+  for (int i = 0; i < pic.width * pic.height; ++i) {
+    const int x = i % pic.width, y = i / pic.width;
+    for (auto [u, v] :
+         {std::pair{x - 1, y}, {x, y - 1}, {x + 1, y}, {x, y + 1}}) {
+      int d = 0;
+      for (int c = 0;
+           c < 3 && u >= 0 && v >= 0 && u < pic.width && v < pic.height; ++c)
+        d += (pic.at(x, y)[c] - pic.at(u, v)[c]) *
+             (pic.at(x, y)[c] - pic.at(u, v)[c]);
+      costs.push_back(d % 65536 == 0 ? 1 : d % 65536);
     }
   }
   return costs;
 }
 
-struct Labels {
-  int stride;
-  std::vector<unsigned char> bytes;
-  unsigned char at(int x, int y) const { return bytes[size_t(y) * stride + x]; }
-};
+// Labels have rows of width + 3 bytes. Random ones are mostly 0, some 1 and
+// 2 (GetProb's seeds) and other values that must act like any non-seed; the
+// padding holds the sentinel.
+using Labels = std::vector<unsigned char>;
 
-// Mostly 0, some 1 and 2 (GetProb's seeds) and other values that must act
-// like any non-seed; the padding holds the sentinel.
 Labels RandomLabels(int width, int height, std::mt19937& rng) {
-  Labels labels{width + 3, std::vector<unsigned char>(
-                               size_t(width + 3) * height, kSentinel)};
+  Labels labels = RandomPlane(width, height, width + 3, rng());
   const unsigned char kinds[] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 2, 3, 255};
-  for (int y = 0; y < height; ++y)
-    for (int x = 0; x < width; ++x)
-      labels.bytes[size_t(y) * labels.stride + x] = kinds[rng() % sizeof kinds];
+  for (int i = 0; i < width * height; ++i) {
+    unsigned char& v = labels[i / width * (width + 3) + i % width];
+    v = kinds[v % sizeof kinds];
+  }
   return labels;
 }
 
@@ -113,7 +104,7 @@ std::vector<unsigned int> SingleSweep(const std::vector<unsigned int>& costs,
         const int x = nx < 0 ? j : width - 1 - j;
         if (x + nx < 0 || x + nx >= width || y + ny < 0 || y + ny >= height)
           continue;
-        if (labels.at(x, y) == seed) {
+        if (labels[size_t(y) * (width + 3) + x] == seed) {
           at(x, y) = 0;
           continue;
         }
@@ -126,28 +117,26 @@ std::vector<unsigned int> SingleSweep(const std::vector<unsigned int>& costs,
   return d;
 }
 
-// True geodesic distances: Dijkstra from every seed pixel at once.
-std::vector<unsigned int> Dijkstra(const std::vector<unsigned int>& costs,
-                                   int width, int height, const Labels& labels,
-                                   unsigned char seed) {
+// True geodesic distances: relaxed over every step until nothing changes.
+std::vector<unsigned int> ShortestPaths(const std::vector<unsigned int>& costs,
+                                        int width, int height,
+                                        const Labels& labels,
+                                        unsigned char seed) {
   std::vector<unsigned int> d(size_t(width) * height, kUnreached);
-  using Entry = std::pair<unsigned int, int>;
-  std::priority_queue<Entry, std::vector<Entry>, std::greater<Entry>> queue;
-  for (int i = 0; i < width * height; ++i) {
-    if (labels.at(i % width, i / width) == seed) queue.push({d[i] = 0, i});
-  }
-  while (!queue.empty()) {
-    const auto [dist, i] = queue.top();
-    queue.pop();
-    if (dist != d[i]) continue;
-    const int steps[4][2] = {{-1, 0}, {0, -1}, {1, 0}, {0, 1}};
-    for (int side = kLeft; side <= kDown; ++side) {
-      const int qx = i % width + steps[side][0],
-                qy = i / width + steps[side][1];
-      if (qx < 0 || qx >= width || qy < 0 || qy >= height) continue;
-      const int q = qy * width + qx;
-      const unsigned int via = dist + costs[size_t(i) * 4 + side];
-      if (via < d[q]) queue.push({d[q] = via, q});
+  for (int i = 0; i < width * height; ++i)
+    if (labels[i / width * (width + 3) + i % width] == seed) d[i] = 0;
+  for (bool changed = true; changed;) {
+    changed = false;
+    for (int i = 0; i < width * height; ++i) {
+      const int x = i % width, y = i / width;
+      for (auto [side, q] : {std::pair{kLeft, x > 0 ? i - 1 : -1},
+                             {kUp, y > 0 ? i - width : -1},
+                             {kRight, x + 1 < width ? i + 1 : -1},
+                             {kDown, y + 1 < height ? i + width : -1}}) {
+        if (q < 0 || d[i] + costs[size_t(i) * 4 + side] >= d[q]) continue;
+        d[q] = d[i] + costs[size_t(i) * 4 + side];
+        changed = true;
+      }
     }
   }
   return d;
@@ -171,17 +160,16 @@ std::vector<unsigned int> Dist(GeoSeg& seg, const Labels& labels,
                                unsigned char seed) {
   std::vector<unsigned int> d(size_t(seg.width + 2) * seg.height,
                               kDistSentinel);
-  EXPECT_EQ(seg.GetDist(labels.bytes.data(), labels.stride, d.data(),
-                        seg.width + 2, seed),
-            0);
+  EXPECT_EQ(
+      seg.GetDist(labels.data(), seg.width + 3, d.data(), seg.width + 2, seed),
+      0);
   return d;
 }
 
 std::vector<float> Prob(GeoSeg& seg, const Labels& labels) {
   std::vector<float> p(size_t(seg.width + 2) * seg.height, -1.0f);
-  EXPECT_EQ(
-      seg.GetProb(labels.bytes.data(), labels.stride, p.data(), seg.width + 2),
-      0);
+  EXPECT_EQ(seg.GetProb(labels.data(), seg.width + 3, p.data(), seg.width + 2),
+            0);
   return p;
 }
 
@@ -241,14 +229,13 @@ TEST(GeoSeg, DistancesAreShortestPathsWhenNoPathTurnsBack) {
       ASSERT_EQ(seg.SetImage(pic.bytes.data(), width, height, pic.stride, 3),
                 0);
       for (int seeds = 1; seeds <= 4; ++seeds) {
-        Labels labels{width,
-                      std::vector<unsigned char>(size_t(width) * height, 0)};
+        Labels labels(size_t(width + 3) * height, 0);
         for (int k = 0; k < seeds; ++k)
-          labels.bytes[(1 + rng() % (height - 2)) * width + 1 +
-                       rng() % (width - 2)] = 2;
+          labels[(1 + rng() % (height - 2)) * (width + 3) + 1 +
+                 rng() % (width - 2)] = 2;
         ASSERT_EQ(
             Dist(seg, labels, 2),
-            Padded(Dijkstra(ReferenceCosts(pic), width, height, labels, 2),
+            Padded(ShortestPaths(ReferenceCosts(pic), width, height, labels, 2),
                    width, kDistSentinel))
             << width << "x" << height << ", " << seeds << " seeds";
       }
@@ -277,18 +264,14 @@ TEST(GeoSeg, CostsKeepTheLowSixteenBitsAndNeverZero) {
                {{252, 46, 4}, 100}, {{248, 188, 185}, 1},
                {{255, 255, 32}, 2}, {{255, 255, 255}, 64003}};
   for (const auto& c : cases) {
-    // A 2x2 checkerboard of black and the difference, both ways round.
-    for (bool bright_first : {false, true}) {
-      const unsigned char lo[3] = {0, 0, 0};
-      const unsigned char* a = bright_first ? c.d : lo;
-      const unsigned char* b = bright_first ? lo : c.d;
-      const unsigned char image[] = {a[0], a[1], a[2], b[0], b[1], b[2],
-                                     b[0], b[1], b[2], a[0], a[1], a[2]};
+    for (int first : {0, 3}) {  // black then the difference, and the reverse
+      unsigned char image[6] = {};
+      std::copy_n(c.d, 3, image + first);
       GeoSeg seg;
-      ASSERT_EQ(seg.SetImage(image, 2, 2, 6, 3), 0);
-      const unsigned int* e = seg.edge_weights;
-      for (unsigned int got : {e[kRight], e[kDown], e[4 + kLeft], e[8 + kUp]})
-        EXPECT_EQ(got, c.want) << +c.d[0] << " " << +c.d[1] << " " << +c.d[2];
+      ASSERT_EQ(seg.SetImage(image, 2, 1, 6, 3), 0);
+      EXPECT_EQ(seg.edge_weights[kRight], c.want)
+          << +c.d[0] << " " << +c.d[1] << " " << +c.d[2];
+      EXPECT_EQ(seg.edge_weights[4 + kLeft], c.want);
     }
   }
 }
@@ -297,15 +280,15 @@ TEST(GeoSeg, MissingSeedsCountAsFarAway) {
   const Picture pic = RandomPicture(7, 6, 3, 41);
   GeoSeg seg;
   ASSERT_EQ(seg.SetImage(pic.bytes.data(), 7, 6, pic.stride, 3), 0);
-  Labels labels{7, std::vector<unsigned char>(42, 0)};
+  Labels labels(60, 0);
   EXPECT_EQ(Prob(seg, labels), Padded(std::vector<float>(42, 0.5f), 7, -1.0f));
   // Only one class: its pixel is certain, the rest close to it.
   for (unsigned char seed : {1, 2}) {
-    labels.bytes[2 * 7 + 3] = seed;
+    labels[2 * 10 + 3] = seed;
     const std::vector<float> got = Prob(seg, labels);
-    EXPECT_EQ(got[2 * 9 + 3], seed == 2 ? 1.0f : 0.0f);
+    EXPECT_EQ(got[2 * 9 + 3], seed - 1);
     for (int i = 0; i < 42; ++i)
-      EXPECT_NEAR(got[i / 7 * 9 + i % 7], seed == 2 ? 1.0f : 0.0f, 0.01f);
+      EXPECT_NEAR(got[i / 7 * 9 + i % 7], seed - 1, 0.01f);
   }
 }
 
