@@ -20,8 +20,8 @@ using Dists = std::vector<unsigned int>;
 // Shortest chamfer path (100 a face, 141 an edge, 173 a corner step) from
 // any target voxel to each label-0 voxel through label-0 voxels only,
 // relaxed over every step until nothing changes.
-Dists Dijkstra(const std::vector<unsigned char>& labels, int width, int height,
-               int depth) {
+Dists ShortestPaths(const std::vector<unsigned char>& labels, int width,
+                    int height, int depth) {
   Dists dist(labels.size(), kUnreached);
   for (size_t i = 0; i < labels.size(); ++i)
     dist[i] = labels[i] == kTarget ? 0 : kUnreached;
@@ -132,7 +132,7 @@ TEST(DistanceTransform2d, MatchesShortestPathsAndRespectsWalls) {
            {std::pair{2, 0}, {30, 0}, {300, 0}, {10, 250}}) {
         const auto labels =
             RandomLabels(size_t(width) * height, targets, walls, rng);
-        const Dists want = Dijkstra(labels, width, height, 1);
+        const Dists want = ShortestPaths(labels, width, height, 1);
         const Run2d got = Transform2d(labels, width, height);
         for (int i = 0; i < width * height; ++i) {
           const int x = i % width, y = i / width;
@@ -224,7 +224,7 @@ TEST(DistanceTransform3d, MatchesShortestPathsAndRespectsWalls) {
       auto labels = RandomLabels(count, 20, walls, rng);
       if (count == 27)
         std::fill(labels.begin(), labels.end(), 0), labels[13] = kTarget;
-      const Dists want = Dijkstra(labels, width, height, depth);
+      const Dists want = ShortestPaths(labels, width, height, depth);
       Dists dist(count, 1);
       std::vector<unsigned short> near(count * 3, 0xA5A5);
       ff::dist_field* field =
