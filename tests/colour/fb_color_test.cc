@@ -104,39 +104,27 @@ TEST(EstimateFbColor, NullPlanesWriteNothingAndOutputsComeInTheirOrder) {
   const Planes p = DiscScene(41, 23, 77);
   const Outputs both = Estimate(p);
   const int fs = both.stride[0], bs = both.stride[1];
-  Outputs other{{fs, bs}, {both.plane[0], both.plane[1]}};
-  for (auto& plane : other.plane)
-    std::fill(plane.begin(), plane.end(), kSentinel);
-  const Outputs blank = other;
-  mat_estimate_fb_color(nullptr, p.width, p.height, p.imageStride,
-                        p.alpha.data(), p.alphaStride, other.plane[0].data(),
-                        fs, other.plane[1].data(), bs, kLow, kHigh);
-  estimate_fb_color_x(p.image.data(), p.width, p.height, p.imageStride, nullptr,
-                      p.alphaStride, other.plane[0].data(), fs,
-                      other.plane[1].data(), bs, kLow, kHigh);
-  EXPECT_EQ(other.plane[0], blank.plane[0]);
-  EXPECT_EQ(other.plane[1], blank.plane[1]);
-
-  // The worker takes the background plane first (here of the foreground's
-  // stride, and the other way round).
-  estimate_fb_color_x(p.image.data(), p.width, p.height, p.imageStride,
-                      p.alpha.data(), p.alphaStride, other.plane[0].data(), fs,
-                      other.plane[1].data(), bs, kLow, kHigh);
-  for (int y = 0; y < p.height; ++y) {
-    for (int x = 0; x < p.width; ++x) {
-      ASSERT_TRUE(std::equal(other.at(0, x, y), other.at(0, x, y) + 3,
-                             both.at(1, x, y)));
-      ASSERT_TRUE(std::equal(other.at(1, x, y), other.at(1, x, y) + 3,
-                             both.at(0, x, y)));
-    }
-  }
-
+  const std::vector<unsigned char> blankF(both.plane[0].size(), kSentinel),
+      blankB(both.plane[1].size(), kSentinel);
+  std::vector<unsigned char> fg = blankF, bg = blankB;
+  const unsigned char *image = p.image.data(), *alpha = p.alpha.data();
+  const int w = p.width, h = p.height, is = p.imageStride, as = p.alphaStride;
+  mat_estimate_fb_color(nullptr, w, h, is, alpha, as, fg.data(), fs, bg.data(),
+                        bs, kLow, kHigh);
+  estimate_fb_color_x(image, w, h, is, nullptr, as, bg.data(), bs, fg.data(),
+                      fs, kLow, kHigh);
+  EXPECT_EQ(fg, blankF);
+  EXPECT_EQ(bg, blankB);
+  // The worker takes the background plane first.
+  estimate_fb_color_x(image, w, h, is, alpha, as, bg.data(), bs, fg.data(), fs,
+                      kLow, kHigh);
+  EXPECT_EQ(fg, both.plane[0]);
+  EXPECT_EQ(bg, both.plane[1]);
   // A null output is skipped; the other is unchanged by its absence.
-  std::vector<unsigned char> alone = blank.plane[0];
-  mat_estimate_fb_color(p.image.data(), p.width, p.height, p.imageStride,
-                        p.alpha.data(), p.alphaStride, alone.data(), fs,
-                        nullptr, 0, kLow, kHigh);
-  EXPECT_EQ(alone, both.plane[0]);
+  fg = blankF;
+  mat_estimate_fb_color(image, w, h, is, alpha, as, fg.data(), fs, nullptr, 0,
+                        kLow, kHigh);
+  EXPECT_EQ(fg, both.plane[0]);
 }
 
 TEST(EstimateFbColor, MatteWithoutForegroundSolvesAgainstTheBackgroundMean) {
