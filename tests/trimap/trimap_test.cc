@@ -86,17 +86,15 @@ std::vector<unsigned char> Paint(Scene s, int max_band, double band_scale,
       for (int u = right - 1; top < bottom && u >= left; --u)
         visit(u, bottom - 1);
       for (int v = bottom - 1; left < right && v >= top; --v) visit(left, v);
-      auto px = [&](int j, int ch) {
-        return s.img[j / width * s.img_stride + j % width * 3 + ch];
+      auto px = [&](int j) {
+        return &s.img[j / width * s.img_stride + j % width * 3];
       };
       long contrast = INT_MIN;
       for (size_t a = 0; a < in.size(); a += c->step) {
         for (size_t b = 0; b < other.size(); b += c->step) {
+          const unsigned char *p = px(in[a]), *q = px(other[b]);
           long d = 0;
-          for (int ch = 0; ch < 3; ++ch) {
-            d += (px(in[a], ch) - px(other[b], ch)) *
-                 (px(in[a], ch) - px(other[b], ch));
-          }
+          for (int ch = 0; ch < 3; ++ch) d += (p[ch] - q[ch]) * (p[ch] - q[ch]);
           contrast = std::max(contrast, d);
         }
       }
@@ -202,12 +200,10 @@ TEST(MakeTrimapFromSegRes,
                          20, 0.5);
     long band = 0;
     for (size_t i = 0; i < truth.size(); ++i) {
-      const unsigned char t = out[i];
-      band += t == kUnknown;
+      band += out[i] == kUnknown;
       // Outside the band nothing is fractional, so the trimap is the truth.
-      if (t != kUnknown) {
-        ASSERT_EQ(t, truth[i])
-            << sample.name << " at (" << i % width << ", " << i / width << ")";
+      if (out[i] != kUnknown) {
+        ASSERT_EQ(out[i], truth[i]) << sample.name << " at pixel " << i;
       }
     }
     EXPECT_LT(band, static_cast<long>(truth.size()) / 3)
