@@ -91,7 +91,9 @@ int main(int argc, char** argv) {
         } else {
           std::vector<unsigned char> photo = sample.image.pixels;
           std::vector<unsigned char> alpha;
-          softmatte_tool::MakeCutout(&photo, width, height, trimap, settings,
+          // MakeCutout releases the trimap it is given; the cache keeps ours.
+          std::vector<unsigned char> scratch = trimap;
+          softmatte_tool::MakeCutout(&photo, width, height, &scratch, settings,
                                      &quiet, &alpha, nullptr);
           sad = softmatte_test::SadOverUnknown(alpha, sample);
           solved[key] = {trimap, sad};

@@ -27,18 +27,18 @@ class SOFTMATTE_API mat_data {
   void swap(mat_data& other);
 
   int n;
-  double* values;     // 13 * n, row by row, diagonal first
-  double* rhs;        // n
-  int* rowStart;      // n + 1, 1-based
-  int* columns;       // 13 * n, 1-based
-  int width;          // image plane the problem was built on
+  double* values;  // 13 * n, row by row, diagonal first
+  double* rhs;     // n
+  int* rowStart;   // n + 1, 1-based
+  int* columns;    // 13 * n, 1-based
+  int width;       // image plane the problem was built on
   int height;
-  int roi[4];         // left, top, right, bottom (exclusive)
-  int* indexMap;      // (roiWidth + 4) x (roiHeight + 4), -1 = no unknown
-  int* indexOrigin;   // cell of the roi's top-left pixel inside indexMap
-  int* pixelOf;       // n: y * width + x of each unknown
+  int roi[4];            // left, top, right, bottom (exclusive)
+  int* indexMap;         // (roiWidth + 4) x (roiHeight + 4), -1 = no unknown
+  int* indexOrigin;      // cell of the roi's top-left pixel inside indexMap
+  int* pixelOf;          // n: y * width + x of each unknown
   unsigned char* flags;  // n: 1 = first ring around the unknown region
-  int indexPitch;     // roiWidth + 4
+  int indexPitch;        // roiWidth + 4
   int systemCount;
   int unknownCount;
 };
@@ -46,11 +46,10 @@ class SOFTMATTE_API mat_data {
 // Builds the matting system over the nonzero pixels of mask (and the ring
 // around them) of a B, G, R image, reusing rows of previous that are
 // unchanged. previous may be out. Leaves out untouched when mask is empty.
-SOFTMATTE_API void mat_update(const unsigned char* image, int width,
-                              int height, int stride,
-                              const unsigned char* mask, int maskStride,
-                              const mat_data& previous, mat_data& out,
-                              unsigned char* unused);
+SOFTMATTE_API void mat_update(const unsigned char* image, int width, int height,
+                              int stride, const unsigned char* mask,
+                              int maskStride, const mat_data& previous,
+                              mat_data& out, unsigned char* unused);
 // Builds the matting system with every pixel of the image an unknown.
 SOFTMATTE_API void mat_init(const unsigned char* image, int width, int height,
                             int stride, mat_data& out, unsigned char* unused);
@@ -72,8 +71,8 @@ SOFTMATTE_API int mat_mask_run(mat_data& problem,
 // Writes n values round(x * 255), clamped, to alpha[pixelOf[k]] or, with a
 // null pixelOf, to consecutive bytes (returning the byte after the last).
 SOFTMATTE_API unsigned char* _mat_get_alpha(unsigned char* alpha,
-                                            const double* x,
-                                            const int* pixelOf, int n);
+                                            const double* x, const int* pixelOf,
+                                            int n);
 
 // Solves the symmetric system given as its upper triangle (1-based compressed
 // rows, diagonal first) through SuperLU. storage is not examined. Returns 0
@@ -84,8 +83,7 @@ SOFTMATTE_API int mn_sparse_solve_d(const double* values, const int* columns,
                                     const double* rhs, double* x);
 // Solves a full 0-based compressed-column system with SuperLU's expert
 // driver (equilibration, COLAMD). The arrays are borrowed. Returns 0.
-SOFTMATTE_API int SparseLinearSys(int* rowIndex, int* colStart,
-                                  double* values, double* rhs, double* x,
-                                  int n, int nnz);
+SOFTMATTE_API int SparseLinearSys(int* rowIndex, int* colStart, double* values,
+                                  double* rhs, double* x, int n, int nnz);
 
 #endif  // SOFTMATTE_SOLVER_H_
