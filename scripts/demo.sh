@@ -11,19 +11,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-packages=(cmake make g++ pkg-config libsuperlu-dev libpng-dev libjpeg-dev)
-missing=()
-for p in "${packages[@]}"; do
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "ok installed" ||
-    missing+=("$p")
-done
-if ((${#missing[@]})); then
-  sudo=()
-  [ "$(id -u)" -eq 0 ] || sudo=(sudo)
-  "${sudo[@]}" apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive "${sudo[@]}" apt-get install -y -qq \
-    --no-install-recommends "${missing[@]}"
-fi
+. scripts/ensure-packages.sh
+ensure_packages cmake make g++ pkg-config libsuperlu-dev libpng-dev libjpeg-dev
 
 # A folder of its own: switching tests off in build/ would stick in its cache.
 build=${BUILD_DIR:-build-demo}

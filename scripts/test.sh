@@ -10,20 +10,9 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-packages=(cmake make g++ pkg-config libsuperlu-dev libgtest-dev libgmock-dev
-          libbenchmark-dev libpng-dev libjpeg-dev clang-format)
-missing=()
-for p in "${packages[@]}"; do
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "ok installed" ||
-    missing+=("$p")
-done
-if ((${#missing[@]})); then
-  sudo=()
-  [ "$(id -u)" -eq 0 ] || sudo=(sudo)
-  "${sudo[@]}" apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive "${sudo[@]}" apt-get install -y -qq \
-    --no-install-recommends "${missing[@]}"
-fi
+. scripts/ensure-packages.sh
+ensure_packages cmake make g++ pkg-config libsuperlu-dev libgtest-dev \
+  libgmock-dev libbenchmark-dev libpng-dev libjpeg-dev clang-format
 
 build=${BUILD_DIR:-build}
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DSOFTMATTE_WERROR=ON "$@"
