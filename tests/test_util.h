@@ -26,6 +26,25 @@ std::vector<unsigned char> RandomPlane(int rowBytes, int height, int stride,
 bool PaddingIntact(const std::vector<unsigned char>& plane, int rowBytes,
                    int height, int stride);
 
+// Empty when each of the height rows of got holds want(x, y) in its first
+// rowElems elements and pad after them up to step; else where the first
+// difference is.
+template <typename T, typename Want>
+std::string PlaneMismatch(const std::vector<T>& got, int rowElems, int height,
+                          int step, T pad, Want want) {
+  for (int y = 0; y < height; ++y) {
+    for (int x = 0; x < step; ++x) {
+      const T w = x < rowElems ? static_cast<T>(want(x, y)) : pad;
+      const T g = got[static_cast<size_t>(y) * step + x];
+      if (g != w) {
+        return "element " + std::to_string(x) + " of row " + std::to_string(y) +
+               ": got " + std::to_string(+g) + ", want " + std::to_string(+w);
+      }
+    }
+  }
+  return "";
+}
+
 // An 8-bit image read from a PNG: channels is 1 (grey) or 3 (B, G, R order,
 // as the library takes colour). Rows are packed (stride = width * channels).
 struct Image {
