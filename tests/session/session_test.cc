@@ -162,14 +162,17 @@ TEST(DSCMatting, SessionPolarityIsTheComplementAndSpares128) {
   ASSERT_EQ(session.MakeMatte(made.data(), w, h, stride, 3, 0), 1);
   ASSERT_EQ(twin.Refine(refined.data(), w, h, stride, 3, 0), 1);
   EXPECT_TRUE(PaddingIntact(made, w, h, stride));
-  EXPECT_EQ(made[70 * stride + 80], 255);
-  EXPECT_EQ(made[5 * stride + 5], 0);
   for (int pass = 0; pass < 2; ++pass) {
     int soft = 0, kept128 = 0;
     for (int y = 0; y < h; ++y) {
       for (int x = 0; x < w; ++x) {
         const size_t o = static_cast<size_t>(y) * stride + x;
         ASSERT_EQ(made[o], Complement(refined[o])) << x << ", " << y;
+        // Smoothing reaches a few pixels past Init's band, no further.
+        const double d = std::hypot(x - 80, y - 70);
+        if (pass == 0 && (d < 55 - 14 || d > 55 + 14)) {
+          ASSERT_EQ(made[o], d < 55 ? 255 : 0) << x << ", " << y;
+        }
         soft += made[o] != 0 && made[o] != 255;
         kept128 += made[o] == kUnknown;
       }
