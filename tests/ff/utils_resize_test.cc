@@ -64,13 +64,11 @@ void CheckResize(int channels, double tolerance, uint32_t seed) {
         const int x0 = static_cast<int>(std::floor(cx)) - taps / 2 + 1;
         const int y0 = static_cast<int>(std::floor(cy)) - taps / 2 + 1;
         double sum = 0;
-        for (int sy = y0; sy < y0 + taps; ++sy) {
-          for (int sx = x0; sx < x0 + taps; ++sx) {
+        for (int sy = y0; sy < y0 + taps; ++sy)
+          for (int sx = x0; sx < x0 + taps; ++sx)
             sum += Kernel(taps, cx - sx) * Kernel(taps, cy - sy) *
                    At<T>(src, ss, std::clamp(sx, 0, sw - 1) * channels + c,
                          std::clamp(sy, 0, sh - 1));
-          }
-        }
         if (std::is_floating_point_v<T>) return sum;
         return std::clamp(std::round(sum),
                           double{std::numeric_limits<T>::min()},

@@ -19,11 +19,9 @@ using softmatte_test::RandomPlane;
 // replaced by want(x, y); everything else, padding included, as it was.
 template <typename F>
 Bytes Expected(Bytes plane, int step, int w, int h, int pitch, int n, F want) {
-  for (int y = 0; y < h; ++y) {
-    for (int x = 0; x < w; ++x) {
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x)
       memcpy(&plane[static_cast<size_t>(y) * step + x * pitch], want(x, y), n);
-    }
-  }
   return plane;
 }
 
@@ -42,9 +40,8 @@ TEST(FiuPlanes, MatchReferenceAndRoundTrip) {
       const auto at = [&](int x, int y) { return &src[y * ss + x * pb]; };
       const Bytes pixel = RandomPlane(pb, 1, pb, seed++);
       Bytes dst = RandomPlane((w + 5) * pb, h + 3, ds, seed++);
-      Bytes want;
-      want = Expected(dst, ds, w, h, pb, pb,
-                      [&](int, int) { return pixel.data(); });
+      Bytes want = Expected(dst, ds, w, h, pb, pb,
+                            [&](int, int) { return pixel.data(); });
       ASSERT_EQ(1, ff::fiuFill(dst.data(), w, h, ds, type, pixel.data()));
       ASSERT_TRUE(dst == want) << "fill";
 
