@@ -185,12 +185,14 @@ struct LaneSearch {
 // Runs the search over every selected pixel of rows [y0, y1), one reduced
 // neighbourhood at a time: all pixels that map to the same (u, v) share their
 // candidates. select(x, y) picks pixels; store(x, y, a, b, w) receives the
-// dense reduced indices of the pair and the weight of a.
+// dense reduced indices of the pair and the weight of a. run, when given,
+// replaces LaneSearch::Run (a copy of it built for a wider instruction set).
 template <int kBytes, int kCount, typename Select, typename Store>
 void SearchRows(const unsigned char* img, int width, int imgStride,
                 const unsigned char* low, int lowWidth, int lowHeight,
                 int lowStride, const int* columns, double sy, int y0, int y1,
-                Select select, Store store) {
+                Select select, Store store,
+                void (*run)(LaneSearch<kCount, kBytes>&) = nullptr) {
   constexpr int kErr = kBytes;
   LaneSearch<kCount, kErr> search;
   int laneX[kLanes];
@@ -213,7 +215,11 @@ void SearchRows(const unsigned char* img, int width, int imgStride,
         for (int l = lanes; l < kLanes; ++l) {
           for (int ch = 0; ch < 4; ++ch) search.c[ch][l] = search.c[ch][0];
         }
-        search.Run();
+        if (run) {
+          run(search);
+        } else {
+          search.Run();
+        }
         const int base = v * lowWidth + u;
         for (int l = 0; l < lanes; ++l) {
           const int i = LaneSearch<kCount, kErr>::kList.first[search.pair[l]];

@@ -5,6 +5,29 @@
 
 namespace {
 
+// The search is plain float arithmetic without contraction, so a copy built
+// for wider vectors gives the very same bits; x86-64 picks it at load time
+// when the processor has it, other targets keep the one portable build.
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
+#define USAM_VECTOR_CLONES \
+  __attribute__((target_clones("avx2", "default"), flatten))
+#else
+#define USAM_VECTOR_CLONES
+#endif
+
+template <int kCount, int kErr>
+using Search = usam_internal::LaneSearch<kCount, kErr>;
+
+USAM_VECTOR_CLONES void Run9c3(Search<9, 3>& s) { s.Run(); }
+USAM_VECTOR_CLONES void Run9c4(Search<9, 4>& s) { s.Run(); }
+USAM_VECTOR_CLONES void Run4c3(Search<4, 3>& s) { s.Run(); }
+USAM_VECTOR_CLONES void Run4c4(Search<4, 4>& s) { s.Run(); }
+
+void (*Runner(Search<9, 3>*))(Search<9, 3>&) { return Run9c3; }
+void (*Runner(Search<9, 4>*))(Search<9, 4>&) { return Run9c4; }
+void (*Runner(Search<4, 3>*))(Search<4, 3>&) { return Run4c3; }
+void (*Runner(Search<4, 4>*))(Search<4, 4>&) { return Run4c4; }
+
 // Which pixels a fill touches.
 struct EveryPixel {
   bool operator()(const unsigned char*, const int*, int) const { return true; }
@@ -74,7 +97,8 @@ void Fill(const Geometry& g, Select select) {
   for (int band = 0; band < 4; ++band) {
     usam_internal::SearchRows<kBytes, kCount>(
         g.img, g.width, g.imgStride, g.low, g.lowWidth, g.lowHeight,
-        g.lowStride, columns, sy, bounds[band], bounds[band + 1], pick, store);
+        g.lowStride, columns, sy, bounds[band], bounds[band + 1], pick, store,
+        Runner(static_cast<Search<kCount, kBytes>*>(nullptr)));
   }
   delete[] columns;
 }
