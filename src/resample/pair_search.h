@@ -94,18 +94,14 @@ struct LaneSearch {
         d[k][l] = s0 * s0 + s1 * s1 + s2 * s2 + 1.0f;
       }
     }
-    // With every distance below 4096 their sums stay below 8192; a quotient
-    // under 4096 is then further from the next integer than half its float
-    // spacing, so rounding the division cannot carry it up.
-    int far = 0;
+    // Each candidate's largest distance over the lanes bounds every sum of
+    // two distances a pair can have.
     for (int k = 0; k < kCount; ++k) {
-      for (int l = 0; l < kLanes; ++l) far += d[k][l] >= 4096.0f;
+      float m = d[k][0];
+      for (int l = 1; l < kLanes; ++l) m = d[k][l] > m ? d[k][l] : m;
+      widest[k] = m;
     }
-    if (far == 0) {
-      Scan<false>();
-    } else {
-      Scan<true>();
-    }
+    Scan();
     float di[kLanes], dj[kLanes];
     for (int l = 0; l < kLanes; ++l) {
       pair[l] = static_cast<int>(best[l]) & 63;
@@ -131,7 +127,36 @@ struct LaneSearch {
   static constexpr float kFloorBias = 8.0f / 8192.0f - 4.0f;
   static constexpr float kMagic = 100663296.0f;
 
+  // The lanes' blends and errors for pair t, the weight taken back by one
+  // where the rounded division may have reached the next integer.
   template <bool kCorrect>
+  void Step(int t, const float (&num)[kCount][kLanes],
+            const float (&target)[kErr][kLanes]) {
+    const int i = kList.first[t];
+    const int j = kList.second[t];
+    float a[4], b[4];
+    for (int ch = 0; ch < 4; ++ch) {
+      a[ch] = (p[i][ch] - p[j][ch]) * (8.0f / kOne);
+      b[ch] = 8.0f * p[j][ch] + kFloorBias;
+    }
+    const float tag = static_cast<float>(t);
+    for (int l = 0; l < kLanes; ++l) {
+      const float q = num[j][l] / (d[i][l] + d[j][l]);
+      const float w = static_cast<float>(kCorrect ? Weight(d[i][l], d[j][l])
+                                                  : static_cast<int>(q));
+      const float e0 = ((a[0] * w + b[0]) + kMagic) - target[0][l];
+      const float e1 = ((a[1] * w + b[1]) + kMagic) - target[1][l];
+      const float e2 = ((a[2] * w + b[2]) + kMagic) - target[2][l];
+      float e = e0 * e0 + e1 * e1 + e2 * e2;
+      if (kErr == 4) {
+        const float e3 = ((a[3] * w + b[3]) + kMagic) - target[3][l];
+        e += e3 * e3;
+      }
+      const float key = e + tag;
+      best[l] = key < best[l] ? key : best[l];
+    }
+  }
+
   void Scan() {
     float num[kCount][kLanes];
     for (int k = 0; k < kCount; ++k) {
@@ -146,28 +171,13 @@ struct LaneSearch {
     // what a strict-improvement scan in pair order keeps.
     for (int l = 0; l < kLanes; ++l) best[l] = 3.0e38f;
     for (int t = 0; t < kPairs; ++t) {
-      const int i = kList.first[t];
-      const int j = kList.second[t];
-      float a[4], b[4];
-      for (int ch = 0; ch < 4; ++ch) {
-        a[ch] = (p[i][ch] - p[j][ch]) * (8.0f / kOne);
-        b[ch] = 8.0f * p[j][ch] + kFloorBias;
-      }
-      const float tag = static_cast<float>(t);
-      for (int l = 0; l < kLanes; ++l) {
-        const float q = num[j][l] / (d[i][l] + d[j][l]);
-        const float w = static_cast<float>(kCorrect ? Weight(d[i][l], d[j][l])
-                                                    : static_cast<int>(q));
-        const float e0 = ((a[0] * w + b[0]) + kMagic) - target[0][l];
-        const float e1 = ((a[1] * w + b[1]) + kMagic) - target[1][l];
-        const float e2 = ((a[2] * w + b[2]) + kMagic) - target[2][l];
-        float e = e0 * e0 + e1 * e1 + e2 * e2;
-        if (kErr == 4) {
-          const float e3 = ((a[3] * w + b[3]) + kMagic) - target[3][l];
-          e += e3 * e3;
-        }
-        const float key = e + tag;
-        best[l] = key < best[l] ? key : best[l];
+      // Below 8192 for the sum, a quotient under 4096 is further from the
+      // next integer than half its float spacing, so rounding cannot carry
+      // it up and the check is skipped.
+      if (widest[kList.first[t]] + widest[kList.second[t]] < 8192.0f) {
+        Step<false>(t, num, target);
+      } else {
+        Step<true>(t, num, target);
       }
       // An exact blend on every lane ends the search: later pairs cannot win.
       // Checked now and then, as it rarely happens on every lane.
@@ -179,6 +189,7 @@ struct LaneSearch {
   }
 
   float d[kCount][kLanes];
+  float widest[kCount];
   float best[kLanes];
 };
 
