@@ -27,15 +27,8 @@ std::vector<unsigned char> BlobMask() {
   };
   std::vector<unsigned char> mask(static_cast<size_t>(kWidth) * kHeight, 0);
   for (const Ellipse& e : ellipses) {
-    for (int y = 0; y < kHeight; ++y) {
-      const double dy = (y - e.cy) / e.ry;
-      for (int x = 0; x < kWidth; ++x) {
-        const double dx = (x - e.cx) / e.rx;
-        if (dx * dx + dy * dy <= 1.0) {
-          mask[static_cast<size_t>(y) * kWidth + x] = e.value;
-        }
-      }
-    }
+    softmatte_test::FillEllipse(mask, kWidth, kHeight, e.cx, e.cy, e.rx, e.ry,
+                                e.value);
   }
   return mask;
 }

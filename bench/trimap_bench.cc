@@ -10,6 +10,7 @@
 
 #include "softmatte/ff/ipf.h"
 #include "softmatte/trimap.h"
+#include "test_util.h"
 
 namespace {
 
@@ -25,14 +26,10 @@ bool InEllipse(int x, int y, double cx, double cy, double rx, double ry) {
 // A few large blobs on background: most columns and rows cross an edge.
 std::vector<unsigned char> BlobMask() {
   std::vector<unsigned char> mask(static_cast<size_t>(kWidth) * kHeight, 0);
-  for (int y = 0; y < kHeight; ++y) {
-    for (int x = 0; x < kWidth; ++x) {
-      const bool in = InEllipse(x, y, 1000, 900, 700, 600) ||
-                      InEllipse(x, y, 2900, 1800, 900, 1000) ||
-                      InEllipse(x, y, 1200, 2400, 500, 350);
-      mask[static_cast<size_t>(y) * kWidth + x] = in ? 255 : 0;
-    }
-  }
+  softmatte_test::FillEllipse(mask, kWidth, kHeight, 1000, 900, 700, 600, 255);
+  softmatte_test::FillEllipse(mask, kWidth, kHeight, 2900, 1800, 900, 1000,
+                              255);
+  softmatte_test::FillEllipse(mask, kWidth, kHeight, 1200, 2400, 500, 350, 255);
   return mask;
 }
 

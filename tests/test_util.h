@@ -26,6 +26,13 @@ std::vector<unsigned char> RandomPlane(int rowBytes, int height, int stride,
 bool PaddingIntact(const std::vector<unsigned char>& plane, int rowBytes,
                    int height, int stride);
 
+// Sets the pixels of a packed width x height plane that lie inside the
+// ellipse around (cx, cy) with radii rx, ry to value: the shapes the
+// benchmarks build their synthetic masks from.
+void FillEllipse(std::vector<unsigned char>& plane, int width, int height,
+                 double cx, double cy, double rx, double ry,
+                 unsigned char value);
+
 // Empty when each of the height rows of got holds want(x, y) in its first
 // rowElems elements and pad after them up to step; else where the first
 // difference is.

@@ -44,6 +44,20 @@ bool PaddingIntact(const std::vector<unsigned char>& plane, int rowBytes,
   return true;
 }
 
+void FillEllipse(std::vector<unsigned char>& plane, int width, int height,
+                 double cx, double cy, double rx, double ry,
+                 unsigned char value) {
+  for (int y = 0; y < height; ++y) {
+    const double dy = (y - cy) / ry;
+    for (int x = 0; x < width; ++x) {
+      const double dx = (x - cx) / rx;
+      if (dx * dx + dy * dy <= 1.0) {
+        plane[static_cast<size_t>(y) * width + x] = value;
+      }
+    }
+  }
+}
+
 bool ReadPng(const std::string& path, int channels, Image* out) {
   png_image image;
   std::memset(&image, 0, sizeof image);
