@@ -49,10 +49,7 @@ void SmallPhoto(Plane* image, Plane* mask, int* width, int* height) {
     *width = sample.image.width;
     *height = sample.image.height;
     *image = sample.image.pixels;
-    mask->resize(sample.truth.pixels.size());
-    for (size_t i = 0; i < mask->size(); ++i) {
-      (*mask)[i] = sample.truth.pixels[i] >= 128 ? 255 : 0;
-    }
+    *mask = softmatte_test::Binarize(sample.truth.pixels, 128);
     return;
   }
   *width = 800;
@@ -73,6 +70,22 @@ void SmallPhoto(Plane* image, Plane* mask, int* width, int* height) {
       px[2] = static_cast<unsigned char>(in ? 160 : 120 + (x + y) / 20);
     }
   }
+}
+
+// The small photo blown up to width x height with a bilinear resize, and its
+// mask thresholded again after the same resize.
+void UpscaledPhoto(int width, int height, Plane* image, Plane* seg) {
+  Plane smallImage, smallMask;
+  int w = 0, h = 0;
+  SmallPhoto(&smallImage, &smallMask, &w, &h);
+  const size_t pixels = static_cast<size_t>(width) * height;
+  image->resize(pixels * 3);
+  ff::ipf_resize_bl(smallImage.data(), w, h, 3 * w, 3, image->data(), width,
+                    height, 3 * width, 3, 3);
+  Plane soft(pixels);
+  ff::ipf_resize_bl(smallMask.data(), w, h, w, 1, soft.data(), width, height,
+                    width, 1, 1);
+  *seg = softmatte_test::Binarize(soft, 128);
 }
 
 // Everything the session computes on the way to a matte, kept so that each
@@ -97,19 +110,8 @@ struct Scene {
 const Scene& Photo12MP() {
   static const Scene* const scene = [] {
     Scene* s = new Scene;
-    Plane smallImage, smallMask;
-    int w = 0, h = 0;
-    SmallPhoto(&smallImage, &smallMask, &w, &h);
+    UpscaledPhoto(kWidth, kHeight, &s->image, &s->seg);
     const size_t pixels = static_cast<size_t>(kWidth) * kHeight;
-    s->image.resize(pixels * 3);
-    ff::ipf_resize_bl(smallImage.data(), w, h, 3 * w, 3, s->image.data(),
-                      kWidth, kHeight, 3 * kWidth, 3, 3);
-    Plane softMask(pixels);
-    ff::ipf_resize_bl(smallMask.data(), w, h, w, 1, softMask.data(), kWidth,
-                      kHeight, kWidth, 1, 1);
-    s->seg.resize(pixels);
-    for (size_t i = 0; i < pixels; ++i)
-      s->seg[i] = softMask[i] >= 128 ? 255 : 0;
 
     s->trimap.resize(pixels);
     MakeTrimapFromSegRes(s->image.data(), kWidth, kHeight, 3 * kWidth,
@@ -212,18 +214,9 @@ BENCHMARK(BM_session_GetFImage_12MP)->Unit(benchmark::kMillisecond);
 
 // The whole flow on a VGA photo: quick enough for every run.
 void BM_session_flow_VGA(benchmark::State& state) {
-  Plane smallImage, smallMask;
-  int w = 0, h = 0;
-  SmallPhoto(&smallImage, &smallMask, &w, &h);
   const int vw = 640, vh = 480;
-  Plane image(static_cast<size_t>(vw) * vh * 3),
-      soft(static_cast<size_t>(vw) * vh);
-  ff::ipf_resize_bl(smallImage.data(), w, h, 3 * w, 3, image.data(), vw, vh,
-                    3 * vw, 3, 3);
-  ff::ipf_resize_bl(smallMask.data(), w, h, w, 1, soft.data(), vw, vh, vw, 1,
-                    1);
-  Plane seg(soft.size());
-  for (size_t i = 0; i < seg.size(); ++i) seg[i] = soft[i] >= 128 ? 255 : 0;
+  Plane image, seg;
+  UpscaledPhoto(vw, vh, &image, &seg);
   Plane out(seg.size()), colours(image.size());
   for (auto _ : state) {
     DSCMatting session(image.data(), vw, vh, 3 * vw, seg.data(), vw, 320, 10,
@@ -392,10 +385,7 @@ void BM_session_AllPhotos_FromTruth(benchmark::State& state) {
       MattingSample sample;
       if (!softmatte_test::LoadMattingSample(index, false, &sample)) continue;
       const int w = sample.image.width, h = sample.image.height;
-      Plane seg(sample.truth.pixels.size());
-      for (size_t i = 0; i < seg.size(); ++i) {
-        seg[i] = sample.truth.pixels[i] >= 128 ? 255 : 0;
-      }
+      const Plane seg = softmatte_test::Binarize(sample.truth.pixels, 128);
       DSCMatting session(sample.image.pixels.data(), w, h, 3 * w, workSize);
       Plane out(seg.size());
       session.MakeMatteFromSegmRes(seg.data(), w, h, w, out.data(), w, 20, 0.5,

@@ -33,6 +33,10 @@ void FillEllipse(std::vector<unsigned char>& plane, int width, int height,
                  double cx, double cy, double rx, double ry,
                  unsigned char value);
 
+// 255 where plane is at least threshold, else 0: a hard mask from a soft one.
+std::vector<unsigned char> Binarize(const std::vector<unsigned char>& plane,
+                                    unsigned char threshold);
+
 // Empty when each of the height rows of got holds want(x, y) in its first
 // rowElems elements and pad after them up to step; else where the first
 // difference is.

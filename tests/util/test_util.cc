@@ -58,6 +58,15 @@ void FillEllipse(std::vector<unsigned char>& plane, int width, int height,
   }
 }
 
+std::vector<unsigned char> Binarize(const std::vector<unsigned char>& plane,
+                                    unsigned char threshold) {
+  std::vector<unsigned char> out(plane.size());
+  for (size_t i = 0; i < plane.size(); ++i) {
+    out[i] = plane[i] >= threshold ? 255 : 0;
+  }
+  return out;
+}
+
 bool ReadPng(const std::string& path, int channels, Image* out) {
   png_image image;
   std::memset(&image, 0, sizeof image);
