@@ -32,17 +32,23 @@ struct Photo {
   mat_data problem;
 };
 
+// 255 at the trimap's unknown pixels, the mask mat_update takes.
+std::vector<unsigned char> UnknownMask(
+    const std::vector<unsigned char>& trimap) {
+  std::vector<unsigned char> mask(trimap.size());
+  for (size_t p = 0; p < trimap.size(); ++p) {
+    mask[p] = trimap[p] == kUnknown ? 255 : 0;
+  }
+  return mask;
+}
+
 Photo* LoadPhoto(int index) {
   static std::map<int, std::unique_ptr<Photo>> cache;
   auto it = cache.find(index);
   if (it != cache.end()) return it->second.get();
   auto photo = std::make_unique<Photo>();
   if (!LoadMattingSample(index, false, &photo->sample)) return nullptr;
-  const std::vector<unsigned char>& trimap = photo->sample.trimap.pixels;
-  photo->mask.resize(trimap.size());
-  for (size_t p = 0; p < trimap.size(); ++p) {
-    photo->mask[p] = trimap[p] == kUnknown ? 255 : 0;
-  }
+  photo->mask = UnknownMask(photo->sample.trimap.pixels);
   const int w = photo->sample.image.width;
   mat_update(photo->sample.image.pixels.data(), w, photo->sample.image.height,
              3 * w, photo->mask.data(), w, photo->problem, photo->problem,
@@ -218,10 +224,7 @@ void BM_solver_AllPhotos(benchmark::State& state) {
       state.PauseTiming();
       MattingSample sample;
       const bool loaded = LoadMattingSample(index, false, &sample);
-      std::vector<unsigned char> mask(sample.trimap.pixels.size());
-      for (size_t p = 0; p < mask.size(); ++p) {
-        mask[p] = sample.trimap.pixels[p] == kUnknown ? 255 : 0;
-      }
+      const std::vector<unsigned char> mask = UnknownMask(sample.trimap.pixels);
       std::vector<unsigned char> alpha = sample.trimap.pixels;
       state.ResumeTiming();
       if (!loaded) continue;
