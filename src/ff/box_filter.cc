@@ -30,6 +30,32 @@ Span MakeSpan(int length, int size, int before, int after) {
   return s;
 }
 
+// The caller's border values, 0 on every side without a border array.
+struct Border {
+  int left = 0;
+  int top = 0;
+  int right = 0;
+  int bottom = 0;
+};
+
+Border ReadBorder(const int* border) {
+  Border b;
+  if (border != nullptr) {
+    b.left = border[0];
+    b.top = border[1];
+    b.right = border[2];
+    b.bottom = border[3];
+  }
+  return b;
+}
+
+// With at least half a window of data past every side, every window lies
+// wholly over data.
+bool FullWindows(const Border& b, int kw, int kh) {
+  return b.left >= kw / 2 && b.top >= kh / 2 && b.right >= kw / 2 &&
+         b.bottom >= kh / 2;
+}
+
 // Loops run in chunks of this many elements with a fixed trip count, which
 // compilers vectorise even at their cheapest vectoriser settings.
 constexpr int kChunk = 16;
@@ -58,15 +84,13 @@ template <typename TS>
 class SumRows {
  public:
   SumRows(const TS* src, int width, int height, int srcStep, int channels,
-          int kw, int kh, const int* border)
+          int kw, int kh, const Border& border)
       : src_(src),
         srcStep_(srcStep),
         channels_(channels),
         width_(width),
-        cols_(MakeSpan(width, kw, border ? border[0] : 0,
-                       border ? border[2] : 0)),
-        rows_(MakeSpan(height, kh, border ? border[1] : 0,
-                       border ? border[3] : 0)),
+        cols_(MakeSpan(width, kw, border.left, border.right)),
+        rows_(MakeSpan(height, kh, border.top, border.bottom)),
         tableStep_(static_cast<size_t>(width + 2 * cols_.half + 1) * channels),
         ringRows_(2 * rows_.half + 2),
         ring_(new unsigned[tableStep_ * ringRows_]()),
@@ -173,7 +197,8 @@ void _sum_filter_2D(const TS* src, int width, int height, int srcStep,
   static_assert(sizeof(TD) == sizeof(unsigned) && sizeof(TA) == sizeof(TD),
                 "window sums are 32-bit");
   if (width < 1 || height < 1 || channels < 1) return;
-  SumRows<TS> sums(src, width, height, srcStep, channels, kw, kh, border);
+  SumRows<TS> sums(src, width, height, srcStep, channels, kw, kh,
+                   ReadBorder(border));
   for (int y = 0; y < height; ++y) {
     sums.Row(y, reinterpret_cast<unsigned*>(dst + static_cast<ptrdiff_t>(y) *
                                                       dstStep));
@@ -233,16 +258,12 @@ void MeanFilter(const TS* src, int width, int height, int srcStep, int channels,
   if (width < 1 || height < 1 || channels < 1) return;
   kw = std::max(kw, 1);
   kh = std::max(kh, 1);
-  const int left = border ? border[0] : 0;
-  const int top = border ? border[1] : 0;
-  const int right = border ? border[2] : 0;
-  const int bottom = border ? border[3] : 0;
-  const bool fullWindows =
-      left >= kw / 2 && top >= kh / 2 && right >= kw / 2 && bottom >= kh / 2;
+  const Border b = ReadBorder(border);
+  const bool fullWindows = FullWindows(b, kw, kh);
   int* xs = new int[width];
   int* ys = new int[height];
-  AxisCounts(width, MakeSpan(width, kw, left, right), xs);
-  AxisCounts(height, MakeSpan(height, kh, top, bottom), ys);
+  AxisCounts(width, MakeSpan(width, kw, b.left, b.right), xs);
+  AxisCounts(height, MakeSpan(height, kh, b.top, b.bottom), ys);
   if (count != nullptr) {
     ipf_count_filter_pixels(count, width, height, countStep, kw, kh, border);
   }
@@ -254,7 +275,7 @@ void MeanFilter(const TS* src, int width, int height, int srcStep, int channels,
   const bool floatExact =
       sizeof(TS) == 1 && 258 * windowPixels < (int64_t{1} << 24);
   const size_t n = static_cast<size_t>(width) * channels;
-  SumRows<TS> sums(src, width, height, srcStep, channels, kw, kh, border);
+  SumRows<TS> sums(src, width, height, srcStep, channels, kw, kh, b);
   unsigned* row = new unsigned[n];
   // Divisors per value of the row; rows of equal vertical count share them.
   int* divisors = new int[n];
@@ -317,13 +338,10 @@ void ipf_count_filter_pixels(int* count, int width, int height, int countStep,
   // A size below 1 is taken as 1, like the sums do.
   kw = std::max(kw, 1);
   kh = std::max(kh, 1);
-  const int left = border ? border[0] : 0;
-  const int top = border ? border[1] : 0;
-  const int right = border ? border[2] : 0;
-  const int bottom = border ? border[3] : 0;
+  const Border b = ReadBorder(border);
   // With data under the whole window everywhere the count is kw * kh, which
   // for an even size is one row and column short of what the sum covers.
-  if (left >= kw / 2 && top >= kh / 2 && right >= kw / 2 && bottom >= kh / 2) {
+  if (FullWindows(b, kw, kh)) {
     for (int y = 0; y < height; ++y) {
       std::fill_n(count + static_cast<ptrdiff_t>(y) * countStep, width,
                   kw * kh);
@@ -333,8 +351,8 @@ void ipf_count_filter_pixels(int* count, int width, int height, int countStep,
   // The box sum of a plane of ones is separable: a product of axis counts.
   int* xs = new int[width];
   int* ys = new int[height];
-  AxisCounts(width, MakeSpan(width, kw, left, right), xs);
-  AxisCounts(height, MakeSpan(height, kh, top, bottom), ys);
+  AxisCounts(width, MakeSpan(width, kw, b.left, b.right), xs);
+  AxisCounts(height, MakeSpan(height, kh, b.top, b.bottom), ys);
   for (int y = 0; y < height; ++y) {
     int* out = count + static_cast<ptrdiff_t>(y) * countStep;
     for (int x = 0; x < width; ++x) out[x] = xs[x] * ys[y];
