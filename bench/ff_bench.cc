@@ -8,7 +8,7 @@
 
 namespace {
 
-using softmatte_test::FillRandom;
+using softmatte_test::RandomBytes;
 
 // A 12-megapixel phone photo's plane.
 constexpr int kWidth = 4000;
@@ -16,12 +16,6 @@ constexpr int kHeight = 3000;
 // The working size the session reduces such a photo to.
 constexpr int kSmallWidth = 1000;
 constexpr int kSmallHeight = 750;
-
-std::vector<unsigned char> RandomBytes(size_t n, uint32_t seed) {
-  std::vector<unsigned char> v(n);
-  FillRandom(v, seed);
-  return v;
-}
 
 // The reference the filters are measured against: the same bytes copied.
 void BM_memcpy(benchmark::State& state) {
