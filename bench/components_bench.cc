@@ -2,9 +2,9 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <vector>
 
+#include "copy_reference.h"
 #include "softmatte/ff/ipf.h"
 #include "test_util.h"
 
@@ -69,12 +69,7 @@ BENCHMARK(BM_ipf_connected_component_noise)->Unit(benchmark::kMillisecond);
 // The labelling's yardstick: copying the mask's bytes once.
 void BM_memcpy_blob_mask(benchmark::State& state) {
   const std::vector<unsigned char>& mask = SharedMask();
-  std::vector<unsigned char> copy(mask.size());
-  for (auto _ : state) {
-    std::memcpy(copy.data(), mask.data(), mask.size());
-    benchmark::DoNotOptimize(copy.data());
-    benchmark::ClobberMemory();
-  }
+  softmatte_bench::CopyEachIteration(state, mask);
   state.SetBytesProcessed(state.iterations() *
                           static_cast<int64_t>(mask.size()));
 }

@@ -6,6 +6,7 @@
 #include <random>
 #include <vector>
 
+#include "copy_reference.h"
 #include "softmatte/edit.h"
 
 namespace {
@@ -57,13 +58,7 @@ const std::vector<unsigned char>& RealisticMatte() {
 }
 
 void BM_memcpy_matte(benchmark::State& state) {
-  const std::vector<unsigned char>& src = RealisticMatte();
-  std::vector<unsigned char> dst(src.size());
-  for (auto _ : state) {
-    std::memcpy(dst.data(), src.data(), src.size());
-    benchmark::DoNotOptimize(dst.data());
-    benchmark::ClobberMemory();
-  }
+  softmatte_bench::CopyEachIteration(state, RealisticMatte());
   state.SetItemsProcessed(state.iterations() * kWidth * kHeight);
 }
 BENCHMARK(BM_memcpy_matte)->Unit(benchmark::kMillisecond);

@@ -1,8 +1,8 @@
 #include <benchmark/benchmark.h>
 
-#include <cstring>
 #include <vector>
 
+#include "copy_reference.h"
 #include "softmatte/ff/ipf.h"
 #include "test_util.h"
 
@@ -20,13 +20,7 @@ constexpr int kSmallHeight = 750;
 // The reference the filters are measured against: the same bytes copied.
 void BM_memcpy(benchmark::State& state) {
   const size_t bytes = static_cast<size_t>(state.range(0));
-  const std::vector<unsigned char> src = RandomBytes(bytes, 1);
-  std::vector<unsigned char> dst(bytes);
-  for (auto _ : state) {
-    std::memcpy(dst.data(), src.data(), bytes);
-    benchmark::DoNotOptimize(dst.data());
-    benchmark::ClobberMemory();
-  }
+  softmatte_bench::CopyEachIteration(state, RandomBytes(bytes, 1));
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(bytes));
 }
 BENCHMARK(BM_memcpy)

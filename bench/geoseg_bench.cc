@@ -6,6 +6,7 @@
 #include <random>
 #include <vector>
 
+#include "copy_reference.h"
 #include "softmatte/geoseg.h"
 
 namespace {
@@ -70,12 +71,7 @@ const std::vector<unsigned char>& Scribbles() {
 
 void BM_GeoSeg_memcpy_photo(benchmark::State& state) {
   const std::vector<unsigned char>& src = Photo();
-  std::vector<unsigned char> dst(src.size());
-  for (auto _ : state) {
-    std::memcpy(dst.data(), src.data(), src.size());
-    benchmark::DoNotOptimize(dst.data());
-    benchmark::ClobberMemory();
-  }
+  softmatte_bench::CopyEachIteration(state, src);
   state.SetBytesProcessed(state.iterations() * src.size());
 }
 BENCHMARK(BM_GeoSeg_memcpy_photo)->Unit(benchmark::kMillisecond);

@@ -8,6 +8,7 @@
 #include <random>
 #include <vector>
 
+#include "copy_reference.h"
 #include "softmatte/ff/ipf.h"
 #include "softmatte/trimap.h"
 #include "test_util.h"
@@ -123,12 +124,7 @@ const Prepared& PersonScene() {
 
 void BM_MemcpyMask(benchmark::State& state) {
   const std::vector<unsigned char> src = BlobMask();
-  std::vector<unsigned char> dst(src.size());
-  for (auto _ : state) {
-    std::memcpy(dst.data(), src.data(), src.size());
-    benchmark::DoNotOptimize(dst.data());
-    benchmark::ClobberMemory();
-  }
+  softmatte_bench::CopyEachIteration(state, src);
   state.SetBytesProcessed(state.iterations() * src.size());
 }
 BENCHMARK(BM_MemcpyMask)->Unit(benchmark::kMillisecond);

@@ -1,8 +1,8 @@
 #include <benchmark/benchmark.h>
 
-#include <cstring>
 #include <vector>
 
+#include "copy_reference.h"
 #include "softmatte/ff/fvt_image.h"
 #include "softmatte/ff/utils.h"
 #include "test_util.h"
@@ -18,13 +18,9 @@ constexpr size_t kPhotoBytes = static_cast<size_t>(kWidth) * kHeight * 3;
 
 // Reference: copying the photo's bytes once.
 void BM_utils_photo_memcpy(benchmark::State& state) {
-  std::vector<unsigned char> src(kPhotoBytes), dst(kPhotoBytes);
+  std::vector<unsigned char> src(kPhotoBytes);
   softmatte_test::FillRandom(src, 1);
-  for (auto _ : state) {
-    std::memcpy(dst.data(), src.data(), kPhotoBytes);
-    benchmark::DoNotOptimize(dst.data());
-    benchmark::ClobberMemory();
-  }
+  softmatte_bench::CopyEachIteration(state, src);
   state.SetBytesProcessed(state.iterations() *
                           static_cast<int64_t>(kPhotoBytes));
 }
