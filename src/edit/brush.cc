@@ -3,10 +3,14 @@
 #include <cstddef>
 #include <memory>
 
+#include "edit/plane_scratch.h"
 #include "softmatte/edit.h"
 #include "softmatte/ff/ipf.h"
 
 namespace {
+
+using softmatte_edit::row;
+using softmatte_edit::scratch;
 
 constexpr unsigned char kUnknown = 128;
 // Above sqrt(2) - 1, so that even a square patch's corners keep some weight.
@@ -16,19 +20,9 @@ constexpr float kEdgeOffset = 0.42f;
 constexpr int kMinMaxWindow = 8;
 constexpr int kSmallMaxWindow = 7;
 
-template <typename T>
-std::unique_ptr<T[]> scratch(size_t n) {
-  return std::unique_ptr<T[]>(new T[n > 0 ? n : 1]);
-}
-
 size_t pixel_count(int width, int height) {
   return static_cast<size_t>(std::max(width, 0)) *
          static_cast<size_t>(std::max(height, 0));
-}
-
-template <typename T>
-T* row(T* p, int step, int y) {
-  return p + static_cast<ptrdiff_t>(step) * y;
 }
 
 unsigned char weight_byte(float w) {

@@ -5,10 +5,14 @@
 #include <functional>
 #include <memory>
 
+#include "edit/plane_scratch.h"
 #include "softmatte/edit.h"
 #include "softmatte/ff/ipf.h"
 
 namespace {
+
+using softmatte_edit::row;
+using softmatte_edit::scratch;
 
 constexpr unsigned char kUnknown = 128;
 
@@ -22,25 +26,12 @@ constexpr int kForeground = 8;
 constexpr int kOwnShift = 4;
 
 template <typename T>
-std::unique_ptr<T[]> scratch(size_t n) {
-  return std::unique_ptr<T[]>(new T[n > 0 ? n : 1]);
-}
-
-template <typename T>
 std::unique_ptr<T[]> zeroed(size_t n) {
   return std::unique_ptr<T[]>(new T[n > 0 ? n : 1]());
 }
 
 size_t pixel_count(int width, int height) {
   return static_cast<size_t>(width) * static_cast<size_t>(height);
-}
-
-const unsigned char* row(const unsigned char* p, int step, int y) {
-  return p + static_cast<ptrdiff_t>(step) * y;
-}
-
-unsigned char* row(unsigned char* p, int step, int y) {
-  return p + static_cast<ptrdiff_t>(step) * y;
 }
 
 // The extremum window scales with the image so that the edge profile looks
