@@ -1,17 +1,27 @@
 #include "cutout.h"
 
-#include <algorithm>
+#include <cstddef>
 #include <cstdio>
 #include <ctime>
 
+#include "softmatte/colour.h"
+#include "softmatte/edit.h"
+#include "softmatte/ff/ipf.h"
 #include "softmatte/geoseg.h"
-#include "softmatte/session.h"
+#include "softmatte/resample.h"
+#include "softmatte/solver.h"
 #include "softmatte/trimap.h"
 
 namespace softmatte_tool {
 namespace {
 
 constexpr unsigned char kUnknown = 128;
+// Each full-resolution pixel is paired within the 3x3 working neighbourhood.
+constexpr int kNeighbourhood3x3 = 3;
+// Colours are estimated over the matte's soft pixels only; 0 and 254..255
+// count as settled.
+constexpr unsigned char kSoftLow = 1;
+constexpr unsigned char kSoftHigh = 253;
 
 // The session solves in the opposite polarity to the trimap builder; 128
 // stays 128 both ways.
@@ -106,19 +116,85 @@ void MakeCutout(std::vector<unsigned char>* photo, int width, int height,
                 const CutoutSettings& settings, StageClock* clock,
                 std::vector<unsigned char>* alpha,
                 std::vector<unsigned char>* foreground) {
+  // The session's road (MakeMatteFromSegmRes with the trimap made outside),
+  // taken step by step so that each stage can be timed on its own.
   clock->Start("tables (working copy, upsampling)");
-  DSCMatting session(photo->data(), width, height, 3 * width,
-                     settings.work_size);
-  std::vector<unsigned char>().swap(*photo);
+  const size_t count = static_cast<size_t>(width) * height;
+  int work_width = width;
+  int work_height = height;
+  // Reduced only when both sides exceed the working size, as the session
+  // does.
+  if (width > settings.work_size && height > settings.work_size) {
+    const double sx = static_cast<double>(settings.work_size) / width;
+    const double sy = static_cast<double>(settings.work_size) / height;
+    const double s = sx < sy ? sx : sy;
+    work_width = static_cast<int>(s * width + 0.5);
+    work_height = static_cast<int>(s * height + 0.5);
+  }
+  work_width &= ~3;
+  const bool solvable = work_width >= 1 && work_height >= 1;
+  const size_t work_count = static_cast<size_t>(work_width) * work_height;
+  std::vector<unsigned char> work_image(3 * work_count);
+  std::vector<short> weights;
+  std::vector<int> indices;
+  if (solvable) {
+    ff::ipf_resize_nn(photo->data(), width, height, 3 * width, 3,
+                      work_image.data(), work_width, work_height,
+                      3 * work_width, 3, ff::ccn<3>());
+    weights.resize(count);
+    indices.assign(2 * count, -1);
+    usam_calc_weights_8u_c3(photo->data(), width, height, 3 * width, nullptr, 0,
+                            work_image.data(), work_width, work_height,
+                            3 * work_width, indices.data(), 2 * width,
+                            weights.data(), width, kNeighbourhood3x3);
+  }
+  if (!foreground) std::vector<unsigned char>().swap(*photo);
 
-  // The same road as MakeMatteFromSegmRes, with the trimap made outside so
-  // that it can come from a file or from scribbles as well as from a mask.
-  clock->Start("solve, upsampling, cleanup");
+  clock->Start("solve");
   Complement(trimap);
-  alpha->assign(trimap->size(), 0);
-  session.Refine(trimap->data(), width, height, width, alpha->data(), width,
-                 settings.smooth_window, settings.keep_fragments);
+  // The trimap's known values are the matte outside the unknown band.
+  *alpha = *trimap;
+  std::vector<unsigned char> work_alpha(work_count);
+  if (solvable) {
+    ff::ipf_resize_nn(trimap->data(), width, height, width, 1,
+                      work_alpha.data(), work_width, work_height, work_width, 1,
+                      ff::ccn<1>());
+    const std::vector<unsigned char> work_trimap = work_alpha;
+    std::vector<unsigned char> unknown(work_count);
+    for (size_t i = 0; i < work_count; ++i) {
+      unknown[i] = work_trimap[i] == kUnknown ? 1 : 0;
+    }
+    mat_data problem;
+    mat_update(work_image.data(), work_width, work_height, 3 * work_width,
+               unknown.data(), work_width, problem, problem, nullptr);
+    std::vector<unsigned char>().swap(unknown);
+    std::vector<unsigned char>().swap(work_image);
+    // Whatever the solve leaves in the working alpha is carried on as it is.
+    mat_run(problem, work_trimap.data(), work_alpha.data(), nullptr);
+  }
+
+  clock->Start("upsampling");
+  if (solvable) {
+    usam_interpolate_c1(work_alpha.data(), work_width, work_height,
+                        indices.data(), 2 * width, weights.data(), width,
+                        alpha->data(), width, height, width, trimap->data(),
+                        width, kUnknown);
+  }
+  std::vector<unsigned char>().swap(work_alpha);
+  std::vector<short>().swap(weights);
+  std::vector<int>().swap(indices);
   std::vector<unsigned char>().swap(*trimap);
+
+  clock->Start("cleanup");
+  // In the session's polarity, where its cleanup runs.
+  if (width >= 1 && height >= 1) {
+    mat_smooth_boundary(alpha->data(), width, height, width, alpha->data(),
+                        width, settings.smooth_window);
+    if (settings.keep_fragments >= 1) {
+      vm_erase_small_cc(alpha->data(), width, height, width, 0,
+                        settings.keep_fragments);
+    }
+  }
   Complement(alpha);
   clock->Stop();
 
@@ -126,16 +202,11 @@ void MakeCutout(std::vector<unsigned char>* photo, int width, int height,
   clock->Start("colours");
   // The colour estimator takes 255 as the subject: hand it the matte in the
   // caller's polarity, not the session's.
-  session.set_alpha(alpha->data(), width, height, width);
-  int stride = 0;
-  const unsigned char* colours = session.GetFImage(&stride, 1);
-  // Taken only now: during the estimate this copy would add to the peak.
-  foreground->resize(3 * alpha->size());
-  for (int y = 0; y < height; ++y) {
-    std::copy(colours + static_cast<size_t>(y) * stride,
-              colours + static_cast<size_t>(y) * stride + 3 * width,
-              foreground->begin() + static_cast<size_t>(y) * 3 * width);
-  }
+  foreground->resize(3 * count);
+  mat_estimate_fb_color(photo->data(), width, height, 3 * width, alpha->data(),
+                        width, foreground->data(), 3 * width, nullptr, 0,
+                        kSoftLow, kSoftHigh);
+  std::vector<unsigned char>().swap(*photo);
   clock->Stop();
 }
 

@@ -68,9 +68,10 @@ void MaskFromLabels(const std::vector<unsigned char>& photo, int width,
 
 // Solves the matte of photo (B, G, R) over trimap's unknown pixels and
 // writes it to alpha (foreground 255); with a non-null foreground, also the
-// subject's estimated colours (B, G, R). Releases photo and trimap as soon
-// as the session no longer needs them, to keep the peak memory of large
-// photos down.
+// subject's estimated colours (B, G, R). The same matte and colours as a
+// DSCMatting session gives, stage by stage so that clock can time each.
+// Releases photo and trimap as soon as they are no longer needed, to keep
+// the peak memory of large photos down.
 void MakeCutout(std::vector<unsigned char>* photo, int width, int height,
                 std::vector<unsigned char>* trimap,
                 const CutoutSettings& settings, StageClock* clock,

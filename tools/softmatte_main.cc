@@ -376,7 +376,7 @@ int Run(int argc, char** argv) {
   MakeCutout(&photo.pixels, width, height, &trimap, args.settings, &clock,
              &alpha, &colours);
 
-  // The backdrop is decoded again only now, when the photo and the session's
+  // The backdrop is decoded again only now, when the photo and the upsampling
   // tables are gone: holding it through the solve would raise the peak.
   std::vector<unsigned char> backdrop(colours.size());
   if (!args.background.empty()) {
