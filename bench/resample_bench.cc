@@ -146,22 +146,30 @@ void BM_usam_memcpy_table(benchmark::State& state) {
 }
 BENCHMARK(BM_usam_memcpy_table)->Unit(benchmark::kMillisecond);
 
+// Times the table build of a 12-megapixel photo against its working copy;
+// a null mask fills every pixel. mode 2 is the 2x2 rule, 3 the 3x3 rule.
+void TimeTableBuild(benchmark::State& state, const unsigned char* img,
+                    const unsigned char* low, const unsigned char* mask,
+                    int mode) {
+  std::vector<int> idx(2 * kPixels, -1);
+  std::vector<short> wts(kPixels);
+  for (auto _ : state) {
+    usam_calc_weights_8u_c3(img, kWidth, kHeight, kWidth * 3, mask, kWidth, low,
+                            kLowWidth, kLowHeight, kLowWidth * 3, idx.data(),
+                            2 * kWidth, wts.data(), kWidth, mode);
+    benchmark::DoNotOptimize(idx.data());
+    benchmark::DoNotOptimize(wts.data());
+  }
+  state.SetItemsProcessed(state.iterations() * kPixels);
+}
+
 // The session's table build: every pixel of the photo (range 0) or only the
 // unknown band around the subject, a few percent of it (range 1).
 void BM_usam_calc_weights_8u_c3_12MP(benchmark::State& state) {
   const Photo& p = TestPhoto();
   const bool bandOnly = state.range(0) == 1;
-  std::vector<int> idx(2 * kPixels, -1);
-  std::vector<short> wts(kPixels);
-  for (auto _ : state) {
-    usam_calc_weights_8u_c3(p.img.data(), kWidth, kHeight, kWidth * 3,
-                            bandOnly ? p.band.data() : nullptr, kWidth,
-                            p.low.data(), kLowWidth, kLowHeight, kLowWidth * 3,
-                            idx.data(), 2 * kWidth, wts.data(), kWidth, 3);
-    benchmark::DoNotOptimize(idx.data());
-    benchmark::DoNotOptimize(wts.data());
-  }
-  state.SetItemsProcessed(state.iterations() * kPixels);
+  TimeTableBuild(state, p.img.data(), p.low.data(),
+                 bandOnly ? p.band.data() : nullptr, 3);
 }
 BENCHMARK(BM_usam_calc_weights_8u_c3_12MP)
     ->ArgNames({"band_only"})
@@ -214,17 +222,8 @@ void BM_usam_calc_weights_8u_c3_real_12MP(benchmark::State& state) {
     return;
   }
   const bool bandOnly = state.range(0) == 1;
-  std::vector<int> idx(2 * kPixels, -1);
-  std::vector<short> wts(kPixels);
-  for (auto _ : state) {
-    usam_calc_weights_8u_c3(p.img.data(), kWidth, kHeight, kWidth * 3,
-                            bandOnly ? p.band.data() : nullptr, kWidth,
-                            p.low.data(), kLowWidth, kLowHeight, kLowWidth * 3,
-                            idx.data(), 2 * kWidth, wts.data(), kWidth, 3);
-    benchmark::DoNotOptimize(idx.data());
-    benchmark::DoNotOptimize(wts.data());
-  }
-  state.SetItemsProcessed(state.iterations() * kPixels);
+  TimeTableBuild(state, p.img.data(), p.low.data(),
+                 bandOnly ? p.band.data() : nullptr, 3);
 }
 BENCHMARK(BM_usam_calc_weights_8u_c3_real_12MP)
     ->ArgNames({"band_only"})
@@ -234,16 +233,7 @@ BENCHMARK(BM_usam_calc_weights_8u_c3_real_12MP)
 
 void BM_usam_calc_weights_8u_c3_2x2_12MP(benchmark::State& state) {
   const Photo& p = TestPhoto();
-  std::vector<int> idx(2 * kPixels, -1);
-  std::vector<short> wts(kPixels);
-  for (auto _ : state) {
-    usam_calc_weights_8u_c3(p.img.data(), kWidth, kHeight, kWidth * 3, nullptr,
-                            kWidth, p.low.data(), kLowWidth, kLowHeight,
-                            kLowWidth * 3, idx.data(), 2 * kWidth, wts.data(),
-                            kWidth, 2);
-    benchmark::DoNotOptimize(idx.data());
-  }
-  state.SetItemsProcessed(state.iterations() * kPixels);
+  TimeTableBuild(state, p.img.data(), p.low.data(), nullptr, 2);
 }
 BENCHMARK(BM_usam_calc_weights_8u_c3_2x2_12MP)->Unit(benchmark::kMillisecond);
 
