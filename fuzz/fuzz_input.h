@@ -1,0 +1,73 @@
+#ifndef SOFTMATTE_FUZZ_FUZZ_INPUT_H_
+#define SOFTMATTE_FUZZ_FUZZ_INPUT_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+// Reads the fuzzer's bytes front to back. Once they run out every read gives
+// zeros, so a harness can take its parameters first and its pixels last and
+// still run on short inputs.
+class FuzzInput {
+ public:
+  FuzzInput(const uint8_t* data, size_t size) : data_(data), size_(size) {}
+
+  size_t remaining() const { return size_ - pos_; }
+
+  uint8_t Byte() { return pos_ < size_ ? data_[pos_++] : 0; }
+
+  // A value in [lo, hi], from one byte when the range fits in it, else two.
+  int Int(int lo, int hi) {
+    const unsigned span = static_cast<unsigned>(hi - lo) + 1;
+    unsigned v = Byte();
+    if (span > 256) v = (v << 8) | Byte();
+    return lo + static_cast<int>(v % span);
+  }
+
+  bool Bool() { return Byte() & 1; }
+
+  // Fills n bytes from the input, zeros once it is spent.
+  void Bytes(uint8_t* out, size_t n) {
+    const size_t take = n < remaining() ? n : remaining();
+    if (take) std::memcpy(out, data_ + pos_, take);
+    std::memset(out + take, 0, n - take);
+    pos_ += take;
+  }
+
+ private:
+  const uint8_t* data_;
+  size_t size_;
+  size_t pos_ = 0;
+};
+
+// A plane of rows step elements apart, of which only the first `used`
+// elements of each row belong to the image. The rest holds a sentinel that
+// the library must never overwrite. The buffer ends right after the last
+// row's used elements, so a read past them is a heap overflow.
+template <typename T>
+struct SentinelPlane {
+  SentinelPlane(int rows, int step_, int used_, T sentinel_)
+      : step(step_),
+        used(used_),
+        sentinel(sentinel_),
+        data(static_cast<size_t>(rows - 1) * step_ + used_, sentinel_) {}
+
+  T* row(int y) { return data.data() + static_cast<size_t>(y) * step; }
+
+  bool PaddingIntact() const {
+    for (size_t i = 0; i < data.size(); ++i) {
+      if (static_cast<int>(i % step) >= used && data[i] != sentinel) {
+        return false;
+      }
+    }
+    return true;
+  }
+
+  int step;
+  int used;
+  T sentinel;
+  std::vector<T> data;
+};
+
+#endif  // SOFTMATTE_FUZZ_FUZZ_INPUT_H_
