@@ -8,7 +8,11 @@ namespace {
 // The search is plain float arithmetic without contraction, so a copy built
 // for wider vectors gives the very same bits; x86-64 picks it at load time
 // when the processor has it, other targets keep the one portable build.
-#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
+// Not under ThreadSanitizer: the compiler instruments the clones' resolver,
+// which the loader runs before the sanitizer's runtime is up, and the
+// library then crashes while it is being loaded.
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__) && \
+    !defined(__SANITIZE_THREAD__)
 #define USAM_VECTOR_CLONES \
   __attribute__((target_clones("avx2", "default"), flatten))
 #else
