@@ -2,7 +2,7 @@
 # Builds the libFuzzer harnesses under AddressSanitizer and
 # UndefinedBehaviorSanitizer and runs each one on its committed corpus.
 #
-#   scripts/fuzz.sh                 # every harness, 30 s each (CI)
+#   scripts/fuzz.sh                 # every harness, 30 s each (CI: 15 s)
 #   scripts/fuzz.sh 600 trimap_fuzz # one harness for ten minutes
 #   GROW=1 scripts/fuzz.sh 600      # also add new inputs to fuzz/corpus/
 #
