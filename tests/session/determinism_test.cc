@@ -38,6 +38,9 @@ constexpr int kSmooth = 3;
 // The committed digests (GT01 of the alphamatting training set).
 constexpr uint64_t kSessionDigest = 0xf1249d9eccb318bfull;
 constexpr uint64_t kSystemDigest = 0x5a04ada4d41da8b7ull;
+// SuperLU's doubles hold only where SuperLU and its BLAS are built without
+// fused multiply-add, as our own code is; Debian's arm64 packages are built
+// with it (GCC's default there) and differ in the last bits.
 constexpr uint64_t kSolutionDigest = 0x8c1ad919e359cf17ull;
 constexpr uint64_t kNoSolverDigest = 0xc68ad034e72c823eull;
 
