@@ -38,10 +38,14 @@ constexpr int kSmooth = 3;
 // The committed digests (GT01 of the alphamatting training set).
 constexpr uint64_t kSessionDigest = 0xf1249d9eccb318bfull;
 constexpr uint64_t kSystemDigest = 0x5a04ada4d41da8b7ull;
-// SuperLU's doubles hold only where SuperLU and its BLAS are built without
-// fused multiply-add, as our own code is; Debian's arm64 packages are built
-// with it (GCC's default there) and differ in the last bits.
-constexpr uint64_t kSolutionDigest = 0x8c1ad919e359cf17ull;
+// SuperLU's raw doubles depend on how SuperLU and its BLAS were compiled,
+// which is not ours to choose: built without fused multiply-add, as on
+// x86-64, they give the first digest; Debian's arm64 packages fuse (GCC's
+// default there) and give the second, up to a few ulps apart and with the
+// same matte. Any other value means the solver ran with other options or
+// tuning than ours.
+constexpr uint64_t kSolutionDigests[] = {0x8c1ad919e359cf17ull,
+                                         0x6aa050acc04f96a8ull};
 constexpr uint64_t kNoSolverDigest = 0xc68ad034e72c823eull;
 
 // 64-bit FNV-1a: small, and the same on every platform.
@@ -216,7 +220,9 @@ TEST(DeterminismPhotos, StagesMatchTheCommittedDigests) {
   // solution points at the sparse solver; a wrong system or no-solver digest
   // at our own code.
   EXPECT_EQ(system, kSystemDigest) << "system digest " << Hex(system);
-  EXPECT_EQ(solution, kSolutionDigest) << "solution digest " << Hex(solution);
+  EXPECT_TRUE(solution == kSolutionDigests[0] ||
+              solution == kSolutionDigests[1])
+      << "solution digest " << Hex(solution);
   EXPECT_EQ(noSolver, kNoSolverDigest) << "no-solver digest " << Hex(noSolver);
 }
 
