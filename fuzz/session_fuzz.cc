@@ -169,17 +169,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   SentinelPlane<uint8_t> image(height, stride, 3 * width, kByteSentinel);
   uint8_t colours[4][3];
   for (auto& c : colours) in.Bytes(c, 3);
-  for (int y = 0; y < height; ++y) {
-    uint8_t* row = image.row(y);
-    if (!palette) {
-      in.Bytes(row, static_cast<size_t>(width) * 3);
-      continue;
-    }
-    for (int x = 0; x < width; ++x) {
-      const uint8_t* c = colours[in.Byte() & 3];
-      for (int ch = 0; ch < 3; ++ch) row[3 * x + ch] = c[ch];
-    }
-  }
+  FillColours(in, image, width, height, palette, colours);
   SentinelPlane<uint8_t> seg(height, segStride, width, kByteSentinel);
   FillSegmentation(in, seg, width, height);
 
@@ -210,6 +200,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const int h = height;
     const int ksize = in.Int(1, 15);
     const int keep = in.Int(0, 3);
+    // A refused call leaves the output as it was; an accepted one copies the
+    // session's matte.
+    auto Settle = [&](int r, Output& out, const std::vector<uint8_t>& before,
+                      bool complemented) {
+      if (r == 0) {
+        Check(out.plane.data == before);
+      } else {
+        CheckMatteCopied(*session, out.plane, width, height, complemented);
+      }
+    };
     switch (code % 8) {
       case 0: {  // Refine with a caller trimap
         SentinelPlane<uint8_t> trimap(height, width + in.Int(0, 7), width,
@@ -234,11 +234,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                                       out.plane.step, ksize, keep);
         Check(out.plane.PaddingIntact());
         Check(r == (withSeg && !wrongSize ? 1 : 0));
-        if (r == 0) {
-          Check(out.plane.data == before);
-        } else {
-          CheckMatteCopied(*session, out.plane, width, height, false);
-        }
+        Settle(r, out, before, false);
         break;
       }
       case 2: {  // A matte straight from a new segmentation
@@ -255,11 +251,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             out.plane.step, band, scale, ksize, keep);
         Check(newSeg.PaddingIntact() && out.plane.PaddingIntact());
         Check(r == (wrongSize ? 0 : 1));
-        if (r == 0) {
-          Check(out.plane.data == before);
-        } else {
-          CheckMatteCopied(*session, out.plane, width, height, true);
-        }
+        Settle(r, out, before, true);
         break;
       }
       case 3: {  // A matte from Init's trimap
@@ -269,11 +261,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                                          out.plane.step, ksize, keep);
         Check(out.plane.PaddingIntact());
         Check(r == (withSeg && !wrongSize ? 1 : 0));
-        if (r == 0) {
-          Check(out.plane.data == before);
-        } else {
-          CheckMatteCopied(*session, out.plane, width, height, true);
-        }
+        Settle(r, out, before, true);
         break;
       }
       case 4: {  // Both ways of fetching the matte agree

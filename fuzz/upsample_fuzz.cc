@@ -70,23 +70,6 @@ Entry ReferencePair(const uint8_t* c, const uint8_t* low, int lowStride,
   return pick;
 }
 
-// Colour bytes: raw, or drawn from a four-colour palette so that flat areas,
-// repeated candidates and exact blends turn up often.
-void FillColours(FuzzInput& in, SentinelPlane<uint8_t>& plane, int width,
-                 int height, bool palette, const uint8_t (*colours)[3]) {
-  for (int y = 0; y < height; ++y) {
-    uint8_t* row = plane.row(y);
-    if (!palette) {
-      in.Bytes(row, static_cast<size_t>(width) * 3);
-      continue;
-    }
-    for (int x = 0; x < width; ++x) {
-      const uint8_t* c = colours[in.Byte() & 3];
-      for (int ch = 0; ch < 3; ++ch) row[3 * x + ch] = c[ch];
-    }
-  }
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

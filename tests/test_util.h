@@ -22,6 +22,11 @@ std::vector<unsigned char> RandomBytes(size_t size, uint32_t seed);
 std::vector<unsigned char> RandomPlane(int rowBytes, int height, int stride,
                                        uint32_t seed);
 
+// The first rowBytes of each of height rows, stride bytes apart, back to
+// back: a padded plane reduced to what can be compared.
+std::vector<unsigned char> Packed(const unsigned char* p, int rowBytes,
+                                  int height, int stride);
+
 // True when every byte past rowBytes in each row is still kSentinel.
 bool PaddingIntact(const std::vector<unsigned char>& plane, int rowBytes,
                    int height, int stride);

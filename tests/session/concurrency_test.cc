@@ -20,10 +20,12 @@
 #include "softmatte/geoseg.h"
 #include "softmatte/session.h"
 #include "softmatte/solver.h"
+#include "test_util.h"
 
 namespace {
 
 using Plane = std::vector<unsigned char>;
+using softmatte_test::Packed;
 
 constexpr unsigned char kUnknown = 128;
 constexpr int kThreads = 4;
@@ -69,15 +71,6 @@ Job MakeJob(int w, int h, double r, uint32_t seed, bool viaRefine) {
     }
   }
   return job;
-}
-
-Plane Packed(const unsigned char* p, int rowBytes, int height, int stride) {
-  Plane out(static_cast<size_t>(rowBytes) * height);
-  for (int y = 0; y < height; ++y) {
-    std::memcpy(&out[static_cast<size_t>(y) * rowBytes],
-                p + static_cast<size_t>(y) * stride, rowBytes);
-  }
-  return out;
 }
 
 struct Result {

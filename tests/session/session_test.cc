@@ -21,6 +21,7 @@
 namespace {
 
 using softmatte_test::kSentinel;
+using softmatte_test::Packed;
 using softmatte_test::PaddingIntact;
 using Plane = std::vector<unsigned char>;
 
@@ -72,15 +73,6 @@ Plane Disc(int w, int h, double cx, double cy, double r, double band,
     }
   }
   return plane;
-}
-
-Plane Packed(const unsigned char* p, int rowBytes, int height, int stride) {
-  Plane out(static_cast<size_t>(rowBytes) * height);
-  for (int y = 0; y < height; ++y) {
-    std::memcpy(&out[static_cast<size_t>(y) * rowBytes],
-                p + static_cast<size_t>(y) * stride, rowBytes);
-  }
-  return out;
 }
 
 // The refinement built from the library's pieces at a given working size:

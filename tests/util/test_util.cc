@@ -34,6 +34,16 @@ std::vector<unsigned char> RandomPlane(int rowBytes, int height, int stride,
   return plane;
 }
 
+std::vector<unsigned char> Packed(const unsigned char* p, int rowBytes,
+                                  int height, int stride) {
+  std::vector<unsigned char> out(static_cast<size_t>(rowBytes) * height);
+  for (int y = 0; y < height; ++y) {
+    std::memcpy(&out[static_cast<size_t>(y) * rowBytes],
+                p + static_cast<size_t>(y) * stride, rowBytes);
+  }
+  return out;
+}
+
 bool PaddingIntact(const std::vector<unsigned char>& plane, int rowBytes,
                    int height, int stride) {
   for (int y = 0; y < height; ++y) {
