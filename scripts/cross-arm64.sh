@@ -25,10 +25,8 @@ ensure_packages cmake make pkg-config crossbuild-essential-arm64 qemu-user \
   libc6:arm64 libstdc++6:arm64 libsuperlu-dev:arm64 libblas-dev:arm64 \
   libgtest-dev:arm64 libgmock-dev:arm64 libpng-dev:arm64 libjpeg-dev:arm64
 
-build=${BUILD_DIR:-build-arm64}
-cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+# The native test command with the cross toolchain: every test program runs
+# through qemu-aarch64, the toolchain's emulator.
+BUILD_DIR=${BUILD_DIR:-build-arm64} exec scripts/test.sh \
   -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/toolchains/aarch64-linux-gnu.cmake" \
-  -DSOFTMATTE_WERROR=ON -DSOFTMATTE_BUILD_BENCHMARKS=OFF "$@"
-cmake --build "$build" -j"$(nproc)"
-# Every test program runs through qemu-aarch64 (the toolchain's emulator).
-ctest --test-dir "$build" --output-on-failure -j"$(nproc)"
+  -DSOFTMATTE_BUILD_BENCHMARKS=OFF "$@"
