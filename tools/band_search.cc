@@ -16,7 +16,8 @@
 #include <string_view>
 #include <vector>
 
-#include "cutout.h"
+#include "softmatte/cutout.h"
+#include "softmatte/trimap.h"
 #include "test_util.h"
 
 namespace {
@@ -61,7 +62,6 @@ int main(int argc, char** argv) {
   std::vector<std::vector<double>> sums(max_bands.size(),
                                         std::vector<double>(scales.size()));
   int loaded = 0;
-  softmatte_tool::StageClock quiet(false);
   for (int index = first; index <= last; ++index) {
     MattingSample sample;
     if (!softmatte_test::LoadMattingSample(index, false, &sample)) continue;
@@ -77,11 +77,13 @@ int main(int argc, char** argv) {
     std::map<size_t, std::pair<std::vector<unsigned char>, double>> solved;
     for (size_t b = 0; b < max_bands.size(); ++b) {
       for (size_t s = 0; s < scales.size(); ++s) {
-        softmatte_tool::CutoutSettings settings;
+        mat_cutout_options settings;
         settings.max_band = static_cast<int>(max_bands[b]);
         settings.band_scale = scales[s];
-        std::vector<unsigned char> trimap;
-        softmatte_tool::TrimapFromMask(mask, width, height, settings, &trimap);
+        settings.colours = 0;
+        std::vector<unsigned char> trimap(mask.size());
+        MakeTrimapFromSegRes(mask.data(), width, height, width, trimap.data(),
+                             width, settings.max_band, settings.band_scale);
         const size_t key = std::hash<std::string_view>()(std::string_view(
             reinterpret_cast<const char*>(trimap.data()), trimap.size()));
         auto found = solved.find(key);
@@ -89,12 +91,10 @@ int main(int argc, char** argv) {
         if (found != solved.end() && found->second.first == trimap) {
           sad = found->second.second;
         } else {
-          std::vector<unsigned char> photo = sample.image.pixels;
-          std::vector<unsigned char> alpha;
-          // MakeCutout releases the trimap it is given; the cache keeps ours.
-          std::vector<unsigned char> scratch = trimap;
-          softmatte_tool::MakeCutout(&photo, width, height, &scratch, settings,
-                                     &quiet, &alpha, nullptr);
+          std::vector<unsigned char> alpha(mask.size());
+          mat_cutout(sample.image.pixels.data(), width, height, 3 * width,
+                     mask.data(), width, MAT_GUIDE_MASK, settings, alpha.data(),
+                     width, nullptr, 0, nullptr);
           sad = softmatte_test::SadOverUnknown(alpha, sample);
           solved[key] = {trimap, sad};
         }

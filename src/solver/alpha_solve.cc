@@ -275,3 +275,16 @@ int mat_mask_run(mat_data& problem, const unsigned char* constraint, int width,
   std::free(grid);
   return result;
 }
+
+void SolveBand(const unsigned char* image, int width, int height, int stride,
+               const unsigned char* mask, int maskStride,
+               const unsigned char* trimap, unsigned char* alpha,
+               const mat_options& options) {
+  mat_data problem;
+  mat_update(image, width, height, stride, mask, maskStride, problem, options);
+  if (mat_run(problem, trimap, alpha, options) >= 0) return;
+  problem.release();
+  mat_update(image, width, height, stride, mask, maskStride, problem,
+             mat_options());
+  mat_run(problem, trimap, alpha, nullptr);
+}

@@ -21,10 +21,8 @@
 #include <utility>
 #include <vector>
 
-#include "cutout.h"
 #include "gtest/gtest.h"
 #include "image_io.h"
-#include "softmatte/session.h"
 
 namespace {
 
@@ -257,65 +255,3 @@ TEST_F(SoftmatteCli, DemoWritesAMatchingAlphaForegroundAndComposite) {
 }
 
 }  // namespace
-
-// The tool times the session's stages one by one instead of calling
-// Refine; the matte and colours must stay those of a session, both with a
-// reduced working copy (and fragment removal) and without.
-TEST(Cutout, MatchesTheSessionBitForBit) {
-  const int width = 61;
-  const int height = 47;
-  const size_t count = static_cast<size_t>(width) * height;
-  std::mt19937 random(24);
-  std::vector<unsigned char> photo(3 * count);
-  std::vector<unsigned char> mask(count);
-  for (int y = 0; y < height; ++y) {
-    for (int x = 0; x < width; ++x) {
-      const size_t i = static_cast<size_t>(y) * width + x;
-      const bool inside = std::hypot(x - 30.0, y - 22.0) < 15.0;
-      // A bright blob with a speck off to the side, over a darker ramp.
-      mask[i] = inside || (x > 52 && y < 5) ? 255 : 0;
-      for (int c = 0; c < 3; ++c) {
-        const int base = inside ? 200 - 30 * c : 20 + x + 40 * c;
-        photo[3 * i + c] = static_cast<unsigned char>(base + random() % 24);
-      }
-    }
-  }
-  for (const int work_size : {1000, 30}) {
-    SCOPED_TRACE(work_size);
-    softmatte_tool::CutoutSettings settings;
-    settings.work_size = work_size;
-    settings.max_band = 4;
-    settings.band_scale = 0.3;
-    settings.keep_fragments = work_size < width ? 1 : 0;
-    std::vector<unsigned char> trimap;
-    softmatte_tool::TrimapFromMask(mask, width, height, settings, &trimap);
-    ASSERT_NE(std::count(trimap.begin(), trimap.end(), 128), 0);
-
-    std::vector<unsigned char> want(count);
-    std::vector<unsigned char> want_colours(3 * count);
-    {
-      DSCMatting session(photo.data(), width, height, 3 * width, work_size);
-      std::vector<unsigned char> flipped = trimap;
-      for (unsigned char& v : flipped) v = v == 128 ? v : 255 - v;
-      session.Refine(flipped.data(), width, height, width, want.data(), width,
-                     settings.smooth_window, settings.keep_fragments);
-      for (unsigned char& v : want) v = v == 128 ? v : 255 - v;
-      session.set_alpha(want.data(), width, height, width);
-      session.GetFImage(want_colours.data(), 3 * width, 1);
-    }
-    const long soft = std::count_if(want.begin(), want.end(),
-                                    [](int v) { return v != 0 && v != 255; });
-    EXPECT_GT(soft, 20);
-
-    std::vector<unsigned char> pixels = photo;
-    std::vector<unsigned char> alpha;
-    std::vector<unsigned char> colours;
-    softmatte_tool::StageClock clock(false);
-    softmatte_tool::MakeCutout(&pixels, width, height, &trimap, settings,
-                               &clock, &alpha, &colours);
-    EXPECT_TRUE(pixels.empty());
-    EXPECT_TRUE(trimap.empty());
-    EXPECT_EQ(alpha, want);
-    EXPECT_EQ(colours, want_colours);
-  }
-}

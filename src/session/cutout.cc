@@ -1,0 +1,260 @@
+#include "softmatte/cutout.h"
+
+#include <chrono>
+#include <cstddef>
+#include <vector>
+
+#include "softmatte/colour.h"
+#include "softmatte/edit.h"
+#include "softmatte/ff/ipf.h"
+#include "softmatte/geoseg.h"
+#include "softmatte/resample.h"
+#include "softmatte/trimap.h"
+#include "solver/fine_solve.h"
+
+namespace {
+
+constexpr unsigned char kUnknown = 128;
+// Each full-resolution pixel is paired within the 3x3 working neighbourhood.
+constexpr int kNeighbourhood3x3 = 3;
+// Colours are estimated over the matte's soft pixels only; 0 and 254..255
+// count as settled.
+constexpr unsigned char kSoftLow = 1;
+constexpr unsigned char kSoftHigh = 253;
+
+using Clock = std::chrono::steady_clock;
+
+// Adds the time since the last lap to one stage of the caller's timings.
+class Stopwatch {
+ public:
+  explicit Stopwatch(mat_cutout_timings* timings) : timings_(timings) {
+    if (timings_ != nullptr) *timings_ = mat_cutout_timings();
+  }
+  void Lap(double mat_cutout_timings::*stage) {
+    const Clock::time_point now = Clock::now();
+    if (timings_ != nullptr) {
+      timings_->*stage += std::chrono::duration<double>(now - last_).count();
+    }
+    last_ = now;
+  }
+
+ private:
+  mat_cutout_timings* timings_;
+  Clock::time_point last_ = Clock::now();
+};
+
+// The session solves in the opposite polarity to the trimap builder; 128
+// stays 128 both ways.
+void Complement(std::vector<unsigned char>& plane) {
+  for (unsigned char& v : plane) {
+    if (v != kUnknown) v = static_cast<unsigned char>(255 - v);
+  }
+}
+
+bool ValidOptions(const mat_cutout_options& o) {
+  return o.work_size >= 1 && o.max_band >= 0 && o.band_scale >= 0.0 &&
+         o.min_band >= 0 && o.contrast_step >= 1 && o.contrast_low >= 0 &&
+         o.contrast_low <= 255 && o.contrast_high >= 0 &&
+         o.contrast_high <= 255 && o.smooth_window >= 0 &&
+         o.keep_fragments >= 0 && o.solve.epsilon >= 0.0 &&
+         (o.solve.solver == MAT_SOLVER_EXACT ||
+          o.solve.solver == MAT_SOLVER_FINE);
+}
+
+// The packed trimap (0, 128, 255) the guide describes, or a status.
+int TrimapFromGuide(const unsigned char* image, int width, int height,
+                    int stride, const unsigned char* guide, int guide_stride,
+                    int guide_kind, const mat_cutout_options& options,
+                    Stopwatch& clock, std::vector<unsigned char>& trimap) {
+  const size_t count = static_cast<size_t>(width) * height;
+  trimap.assign(count, 0);
+  std::vector<unsigned char> seg(count);
+  bool subject = false;
+  if (guide_kind == MAT_GUIDE_TRIMAP) {
+    for (int y = 0; y < height; ++y) {
+      const unsigned char* g = guide + static_cast<ptrdiff_t>(y) * guide_stride;
+      unsigned char* t = &trimap[static_cast<size_t>(y) * width];
+      for (int x = 0; x < width; ++x) {
+        t[x] = g[x] < 64 ? 0 : g[x] > 191 ? 255 : kUnknown;
+        subject |= t[x] != 0;
+      }
+    }
+    return subject ? MAT_CUTOUT_OK : MAT_CUTOUT_NO_SUBJECT;
+  }
+  if (guide_kind == MAT_GUIDE_SCRIBBLES) {
+    std::vector<unsigned char> labels(count);
+    bool background = false;
+    for (int y = 0; y < height; ++y) {
+      const unsigned char* g = guide + static_cast<ptrdiff_t>(y) * guide_stride;
+      unsigned char* l = &labels[static_cast<size_t>(y) * width];
+      for (int x = 0; x < width; ++x) {
+        l[x] = g[x] == 1 || g[x] == 2 ? g[x] : 0;
+        subject |= g[x] == 2;
+        background |= g[x] == 1;
+      }
+    }
+    if (!subject) return MAT_CUTOUT_NO_SUBJECT;
+    if (!background) return MAT_CUTOUT_NO_BACKGROUND;
+    std::vector<float> probability(count);
+    {
+      GeoSeg segmenter;
+      segmenter.SetImage(image, width, height, stride, 3);
+      segmenter.GetProb(labels.data(), width, probability.data(), width);
+    }
+    // Strictly above one half: a pixel neither stroke reaches stays out.
+    for (size_t i = 0; i < count; ++i) seg[i] = probability[i] > 0.5f ? 255 : 0;
+    clock.Lap(&mat_cutout_timings::scribbles);
+  } else {
+    for (int y = 0; y < height; ++y) {
+      const unsigned char* g = guide + static_cast<ptrdiff_t>(y) * guide_stride;
+      unsigned char* s = &seg[static_cast<size_t>(y) * width];
+      for (int x = 0; x < width; ++x) {
+        s[x] = g[x] >= 128 ? 255 : 0;
+        subject |= g[x] >= 128;
+      }
+    }
+    if (!subject) return MAT_CUTOUT_NO_SUBJECT;
+  }
+  if (options.edge_contrast != 0) {
+    MakeTrimapFromSegRes(
+        image, width, height, stride, seg.data(), width, trimap.data(), width,
+        options.max_band, options.band_scale, options.contrast_step,
+        static_cast<unsigned char>(options.contrast_low),
+        static_cast<unsigned char>(options.contrast_high), options.min_band);
+  } else {
+    MakeTrimapFromSegRes(seg.data(), width, height, width, trimap.data(), width,
+                         options.max_band, options.band_scale);
+  }
+  clock.Lap(&mat_cutout_timings::trimap);
+  return MAT_CUTOUT_OK;
+}
+
+}  // namespace
+
+int mat_cutout(const unsigned char* image, int width, int height, int stride,
+               const unsigned char* guide, int guide_stride, int guide_kind,
+               const mat_cutout_options& options, unsigned char* alpha,
+               int alpha_stride, unsigned char* foreground,
+               int foreground_stride, mat_cutout_timings* timings) {
+  const bool colours = options.colours != 0;
+  if (image == nullptr || guide == nullptr || alpha == nullptr ||
+      (colours && foreground == nullptr) || width < 1 || height < 1 ||
+      stride < 3 * width || guide_stride < width || alpha_stride < width ||
+      (colours && foreground_stride < 3 * width) || guide_kind < 0 ||
+      guide_kind > MAT_GUIDE_SCRIBBLES || !ValidOptions(options)) {
+    return MAT_CUTOUT_BAD_ARGUMENT;
+  }
+  Stopwatch clock(timings);
+  std::vector<unsigned char> trimap;
+  const int status =
+      TrimapFromGuide(image, width, height, stride, guide, guide_stride,
+                      guide_kind, options, clock, trimap);
+  if (status != MAT_CUTOUT_OK) return status;
+
+  // The working size of a session: reduced only when both sides exceed it,
+  // the width then rounded down to a multiple of 4.
+  const size_t count = static_cast<size_t>(width) * height;
+  int work_width = width;
+  int work_height = height;
+  if (width > options.work_size && height > options.work_size) {
+    const double sx = static_cast<double>(options.work_size) / width;
+    const double sy = static_cast<double>(options.work_size) / height;
+    const double s = sx < sy ? sx : sy;
+    work_width = static_cast<int>(s * width + 0.5);
+    work_height = static_cast<int>(s * height + 0.5);
+  }
+  work_width &= ~3;
+  const bool solvable = work_width >= 1 && work_height >= 1;
+  const size_t work_count = static_cast<size_t>(work_width) * work_height;
+
+  // In the session's polarity from here on, where its solve and cleanup run.
+  Complement(trimap);
+  std::vector<unsigned char> matte = trimap;
+  std::vector<unsigned char> work_image(3 * work_count);
+  std::vector<short> weights;
+  std::vector<int> indices;
+  if (solvable) {
+    ff::ipf_resize_nn(image, width, height, stride, 3, work_image.data(),
+                      work_width, work_height, 3 * work_width, 3, ff::ccn<3>());
+    // Only undecided pixels are ever interpolated, so only they need an
+    // entry: the search is per pixel, and theirs are those of a whole table.
+    std::vector<unsigned char> undecided(count);
+    for (size_t i = 0; i < count; ++i) undecided[i] = trimap[i] == kUnknown;
+    weights.resize(count);
+    indices.assign(2 * count, -1);
+    usam_calc_weights_8u_c3(image, width, height, stride, undecided.data(),
+                            width, work_image.data(), work_width, work_height,
+                            3 * work_width, indices.data(), 2 * width,
+                            weights.data(), width, kNeighbourhood3x3);
+  }
+  clock.Lap(&mat_cutout_timings::tables);
+
+  std::vector<unsigned char> work_alpha(work_count);
+  if (solvable) {
+    ff::ipf_resize_nn(trimap.data(), width, height, width, 1, work_alpha.data(),
+                      work_width, work_height, work_width, 1, ff::ccn<1>());
+    const std::vector<unsigned char> work_trimap = work_alpha;
+    std::vector<unsigned char> unknown(work_count);
+    for (size_t i = 0; i < work_count; ++i) {
+      unknown[i] = work_trimap[i] == kUnknown ? 1 : 0;
+    }
+    SolveBand(work_image.data(), work_width, work_height, 3 * work_width,
+              unknown.data(), work_width, work_trimap.data(), work_alpha.data(),
+              options.solve);
+  }
+  std::vector<unsigned char>().swap(work_image);
+  clock.Lap(&mat_cutout_timings::solve);
+
+  if (solvable) {
+    usam_interpolate_c1(work_alpha.data(), work_width, work_height,
+                        indices.data(), 2 * width, weights.data(), width,
+                        matte.data(), width, height, width, trimap.data(),
+                        width, kUnknown);
+  }
+  std::vector<unsigned char>().swap(work_alpha);
+  std::vector<short>().swap(weights);
+  std::vector<int>().swap(indices);
+  std::vector<unsigned char>().swap(trimap);
+  clock.Lap(&mat_cutout_timings::upsampling);
+
+  mat_smooth_boundary(matte.data(), width, height, width, matte.data(), width,
+                      options.smooth_window);
+  if (options.keep_fragments >= 1) {
+    vm_erase_small_cc(matte.data(), width, height, width, 0,
+                      options.keep_fragments);
+  }
+  Complement(matte);
+  ff::ipf_memcpy_2d(matte.data(), width, height, width, alpha, alpha_stride);
+  clock.Lap(&mat_cutout_timings::cleanup);
+
+  if (colours) {
+    // The colour estimator takes 255 as the subject: the caller's polarity.
+    mat_estimate_fb_color(image, width, height, stride, matte.data(), width,
+                          foreground, foreground_stride, nullptr, 0, kSoftLow,
+                          kSoftHigh);
+    clock.Lap(&mat_cutout_timings::colours);
+  }
+  return MAT_CUTOUT_OK;
+}
+
+void mat_composite(const unsigned char* foreground, int foreground_stride,
+                   const unsigned char* alpha, int alpha_stride,
+                   const unsigned char* background, int background_stride,
+                   int width, int height, unsigned char* out, int out_stride) {
+  if (!foreground || !alpha || !background || !out) return;
+  for (int y = 0; y < height; ++y) {
+    const unsigned char* f =
+        foreground + static_cast<ptrdiff_t>(y) * foreground_stride;
+    const unsigned char* a = alpha + static_cast<ptrdiff_t>(y) * alpha_stride;
+    const unsigned char* b =
+        background + static_cast<ptrdiff_t>(y) * background_stride;
+    unsigned char* o = out + static_cast<ptrdiff_t>(y) * out_stride;
+    for (int x = 0; x < width; ++x) {
+      const int w = a[x];
+      for (int c = 3 * x; c < 3 * x + 3; ++c) {
+        o[c] = static_cast<unsigned char>((f[c] * w + b[c] * (255 - w) + 127) /
+                                          255);
+      }
+    }
+  }
+}
