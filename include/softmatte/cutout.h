@@ -46,6 +46,13 @@ struct mat_cutout_options {
   int contrast_step = 3;
   int contrast_low = 5;
   int contrast_high = 50;
+  // Masks: 1 drops loose pieces of the mask and fills pinholes where the
+  // photo says they do not belong (see the README); 0 keeps the mask as it
+  // is.
+  int loose_blocks = 0;
+  // Masks: 1 widens the band where the mask's edge is coarse (a low
+  // resolution segmentation enlarged), 0 keeps max_band everywhere.
+  int coarse_band = 0;
   // Cleanup: the matte's boundary is smoothed over this window, then only
   // the keep_fragments largest pieces of the subject are kept (0: all).
   int smooth_window = 3;

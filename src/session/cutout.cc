@@ -1,6 +1,8 @@
 #include "softmatte/cutout.h"
 
+#include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstddef>
 #include <vector>
 
@@ -48,6 +50,123 @@ class Stopwatch {
 void Complement(std::vector<unsigned char>& plane) {
   for (unsigned char& v : plane) {
     if (v != kUnknown) v = static_cast<unsigned char>(255 - v);
+  }
+}
+
+// The median length of the straight runs of a 0/255 mask's edge, along
+// rows and columns: 1 or 2 for a mask drawn at full resolution, about N for
+// one enlarged N times by nearest neighbour, whatever the scale's fraction.
+// The true edge then lies up to about that far from the mask's.
+int EdgeRunLength(const std::vector<unsigned char>& seg, int width,
+                  int height) {
+  std::vector<int> runs;
+  // A vertical edge between columns x - 1 and x continues down the rows.
+  for (int x = 1; x < width; ++x) {
+    int run = 0;
+    for (int y = 0; y <= height; ++y) {
+      const size_t i = static_cast<size_t>(y) * width + x;
+      if (y < height && seg[i - 1] != seg[i]) {
+        ++run;
+      } else if (run > 0) {
+        runs.push_back(run);
+        run = 0;
+      }
+    }
+  }
+  // A horizontal edge between rows y - 1 and y continues along the row.
+  for (int y = 1; y < height; ++y) {
+    const unsigned char* above = &seg[static_cast<size_t>(y - 1) * width];
+    const unsigned char* row = above + width;
+    int run = 0;
+    for (int x = 0; x <= width; ++x) {
+      if (x < width && above[x] != row[x]) {
+        ++run;
+      } else if (run > 0) {
+        runs.push_back(run);
+        run = 0;
+      }
+    }
+  }
+  if (runs.empty()) return 0;
+  std::nth_element(runs.begin(), runs.begin() + runs.size() / 2, runs.end());
+  return runs[runs.size() / 2];
+}
+
+// Drops the loose pieces of a 0/255 mask whose colours the photo's
+// background explains better than its subject, and fills the holes inside
+// the subject that its colours explain better: a segmenter computed at low
+// resolution leaves blocks floating near hair and pinholes in the subject.
+// The colour models are histograms of the largest subject piece and of the
+// background pieces that reach the border, over 4-bit channels.
+void DropLooseBlocks(const unsigned char* image, int width, int height,
+                     int stride, std::vector<unsigned char>& seg) {
+  std::vector<int> labels(seg.size());
+  const int count = ff::ipf_connected_component(seg.data(), width, height,
+                                                width, labels.data(), width);
+  if (count < 2) return;
+  struct Piece {
+    long area = 0;
+    bool border = false;
+    double score = 0.0;  // log-likelihood of subject over background
+  };
+  std::vector<Piece> pieces(count);
+  for (int y = 0; y < height; ++y) {
+    for (int x = 0; x < width; ++x) {
+      Piece& p = pieces[labels[static_cast<size_t>(y) * width + x]];
+      ++p.area;
+      p.border |= x == 0 || y == 0 || x == width - 1 || y == height - 1;
+    }
+  }
+  int subject = -1;
+  std::vector<unsigned char> value(count);
+  for (size_t i = 0; i < seg.size(); ++i) value[labels[i]] = seg[i];
+  for (int l = 0; l < count; ++l) {
+    if (value[l] != 0 && (subject < 0 || pieces[l].area > pieces[subject].area)) {
+      subject = l;
+    }
+  }
+  if (subject < 0) return;
+  constexpr int kBins = 1 << 12;
+  std::vector<double> fg(kBins, 1.0), bg(kBins, 1.0);  // Laplace smoothing
+  auto bin = [&](int x, int y) {
+    const unsigned char* p = image + static_cast<ptrdiff_t>(y) * stride + 3 * x;
+    return (p[0] >> 4) | (p[1] >> 4) << 4 | (p[2] >> 4) << 8;
+  };
+  double fgTotal = kBins, bgTotal = kBins;
+  for (int y = 0; y < height; ++y) {
+    for (int x = 0; x < width; ++x) {
+      const int l = labels[static_cast<size_t>(y) * width + x];
+      if (l == subject) {
+        fg[bin(x, y)] += 1.0;
+        fgTotal += 1.0;
+      } else if (value[l] == 0 && pieces[l].border) {
+        bg[bin(x, y)] += 1.0;
+        bgTotal += 1.0;
+      }
+    }
+  }
+  std::vector<double> ratio(kBins);
+  for (int b = 0; b < kBins; ++b) {
+    ratio[b] = std::log(fg[b] / fgTotal) - std::log(bg[b] / bgTotal);
+  }
+  bool any = false;
+  for (int l = 0; l < count; ++l) {
+    any |= l != subject && (value[l] != 0 || !pieces[l].border);
+  }
+  if (!any) return;
+  for (int y = 0; y < height; ++y) {
+    for (int x = 0; x < width; ++x) {
+      pieces[labels[static_cast<size_t>(y) * width + x]].score +=
+          ratio[bin(x, y)];
+    }
+  }
+  for (size_t i = 0; i < seg.size(); ++i) {
+    const int l = labels[i];
+    if (l == subject) continue;
+    if (value[l] != 0 && pieces[l].score < 0.0) seg[i] = 0;
+    if (value[l] == 0 && !pieces[l].border && pieces[l].score > 0.0) {
+      seg[i] = 255;
+    }
   }
 }
 
@@ -115,15 +234,24 @@ int TrimapFromGuide(const unsigned char* image, int width, int height,
     }
     if (!subject) return MAT_CUTOUT_NO_SUBJECT;
   }
+  if (options.loose_blocks != 0) {
+    DropLooseBlocks(image, width, height, stride, seg);
+  }
+  int max_band = options.max_band;
+  if (options.coarse_band != 0) {
+    // A coarse mask's edge is off by up to about its run length.
+    max_band = std::max(max_band, EdgeRunLength(seg, width, height) *
+                                      options.coarse_band / 2);
+  }
   if (options.edge_contrast != 0) {
     MakeTrimapFromSegRes(
         image, width, height, stride, seg.data(), width, trimap.data(), width,
-        options.max_band, options.band_scale, options.contrast_step,
+        max_band, options.band_scale, options.contrast_step,
         static_cast<unsigned char>(options.contrast_low),
         static_cast<unsigned char>(options.contrast_high), options.min_band);
   } else {
     MakeTrimapFromSegRes(seg.data(), width, height, width, trimap.data(), width,
-                         options.max_band, options.band_scale);
+                         max_band, options.band_scale);
   }
   clock.Lap(&mat_cutout_timings::trimap);
   return MAT_CUTOUT_OK;

@@ -208,11 +208,16 @@ void ZeroSumDiagonal(mat_data& m) {
 }
 
 // The band assembly behind both mat_update forms; Colour and epsilon select
-// the arithmetic.
+// the arithmetic. The system always holds the mask's pixels and the ring
+// around them; with secondRing also the next ring, so that every pixel a
+// window shares with an unknown one is in it and no affinity of an unknown
+// pixel is lost (the fine solve pins both rings exactly).
 template <typename Colour>
 void Assemble(const unsigned char* image, int width, int height, int stride,
               const unsigned char* mask, int maskStride,
-              const mat_data& previous, mat_data& out, double epsilon) {
+              const mat_data& previous, mat_data& out, double epsilon,
+              bool secondRing) {
+  const unsigned char firstMember = secondRing ? kSecondRing : kFirstRing;
   int rect[4];
   if (!ff::ipf_get_mask_roi(mask, width, height, maskStride, rect, 0)) return;
   if (rect[0] >= rect[2] || rect[1] >= rect[3]) return;
@@ -246,7 +251,7 @@ void Assemble(const unsigned char* image, int width, int height, int stride,
     } else if (ring1[i] == 0 && ring2[i] != 0) {
       labels[i] = kSecondRing;
     }
-    if (labels[i] >= kFirstRing) ++n;
+    if (labels[i] >= firstMember) ++n;
   }
 
   const int pitch = rw + 2 * kFrame;
@@ -261,10 +266,10 @@ void Assemble(const unsigned char* image, int width, int height, int stride,
     for (int y = 0; y < rh; ++y) {
       for (int x = 0; x < rw; ++x) {
         const unsigned char label = labels[y * rw + x];
-        if (label < kFirstRing) continue;
+        if (label < firstMember) continue;
         origin[y * pitch + x] = k;
         pixelOf[k] = (top + y) * width + (left + x);
-        flags[k] = label == kFirstRing ? 1 : 0;
+        flags[k] = label == kFirstRing || label == kSecondRing ? 1 : 0;
         ++k;
       }
     }
@@ -413,7 +418,7 @@ void mat_update(const unsigned char* image, int width, int height, int stride,
                 const mat_data& previous, mat_data& out,
                 unsigned char* /*unused*/) {
   Assemble<float>(image, width, height, stride, mask, maskStride, previous, out,
-                  kEpsilon);
+                  kEpsilon, false);
 }
 
 void mat_update(const unsigned char* image, int width, int height, int stride,
@@ -428,10 +433,10 @@ void mat_update(const unsigned char* image, int width, int height, int stride,
                                                : kEpsilon;
   if (fine) {
     Assemble<double>(image, width, height, stride, mask, maskStride, none, out,
-                     epsilon);
+                     epsilon, true);
   } else {
     Assemble<float>(image, width, height, stride, mask, maskStride, none, out,
-                    epsilon);
+                    epsilon, false);
   }
 }
 
