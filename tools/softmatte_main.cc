@@ -217,13 +217,22 @@ bool Parse(int argc, char** argv, Arguments* args, Failure* failure) {
 }
 
 // Where the bundled sample lives: installed beside the program's data, or
-// in the source tree of a build that was not installed.
+// in the source tree of a build that was not installed. The installed copy
+// is looked for from the program itself first, since the prefix may be
+// chosen only when installing.
 std::string SampleDir() {
   if (const char* dir = std::getenv("SOFTMATTE_SAMPLE_DIR")) return dir;
-  for (const char* dir :
-       {SOFTMATTE_INSTALLED_SAMPLE_DIR, SOFTMATTE_SOURCE_SAMPLE_DIR}) {
+  std::error_code error;
+  const fs::path program = fs::read_symlink("/proc/self/exe", error);
+  const fs::path beside =
+      error ? fs::path()
+            : program.parent_path() / SOFTMATTE_SAMPLE_DIR_FROM_PROGRAM;
+  for (const fs::path& dir : {beside, fs::path(SOFTMATTE_INSTALLED_SAMPLE_DIR),
+                              fs::path(SOFTMATTE_SOURCE_SAMPLE_DIR)}) {
     std::error_code ignored;
-    if (fs::exists(fs::path(dir) / "chelsea.png", ignored)) return dir;
+    if (!dir.empty() && fs::exists(dir / "chelsea.png", ignored)) {
+      return dir.lexically_normal().string();
+    }
   }
   return SOFTMATTE_SOURCE_SAMPLE_DIR;
 }
