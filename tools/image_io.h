@@ -24,11 +24,28 @@ struct Picture {
 bool ReadPicture(const std::string& path, Layout layout, Picture* out,
                  std::string* error);
 
+// How a PNG is compressed: a zlib level (0-9), the PNG row filters (a mask
+// of libpng's PNG_FILTER_* bits) and the zlib strategy (Z_DEFAULT_STRATEGY,
+// Z_FILTERED, Z_RLE, ...).
+struct PngCompression {
+  int level;
+  int filters;
+  int strategy;
+};
+
+// The tool's settings for --png-level: 0 stores the pixels uncompressed, 1
+// (the default) is the quickest compression, 2-9 are zlib's levels with
+// libpng's adaptive filters.
+constexpr int kFastPngLevel = 1;
+PngCompression PngCompressionForLevel(int level);
+
 // Writes picture as an 8-bit PNG (grey, BGR as RGB, or RGBA) to a temporary
 // file beside path and renames it over path, so that an interrupted run
 // never leaves a half-written PNG under the final name.
-bool WritePngAtomically(const std::string& path, const Picture& picture,
-                        Layout layout, std::string* error);
+bool WritePngAtomically(
+    const std::string& path, const Picture& picture, Layout layout,
+    std::string* error,
+    const PngCompression& compression = PngCompressionForLevel(kFastPngLevel));
 
 }  // namespace softmatte_tool
 

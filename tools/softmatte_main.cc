@@ -32,12 +32,12 @@ constexpr int kSampleMaxBand = 12;
 constexpr double kSampleBandScale = 0.1;
 
 const char kUsage[] =
-    "usage: softmatte [demo] [-o DIR] [--verbose]\n"
+    "usage: softmatte [demo] [-o DIR] [--png-level N] [--verbose]\n"
     "       softmatte cutout PHOTO (--mask MASK | --trimap TRIMAP |"
     " --scribbles SCRIBBLES)\n"
     "                 [--work-size N] [--band MAX,SCALE]"
     " [--background IMAGE | --colour RRGGBB]\n"
-    "                 [-o DIR] [--verbose]\n";
+    "                 [--png-level N] [-o DIR] [--verbose]\n";
 
 // Carries the one line a bad input earns.
 struct Failure {
@@ -55,6 +55,7 @@ struct Arguments {
   unsigned char colour[3] = {255, 255, 255};  // B, G, R
   std::string output = "softmatte-out";
   bool verbose = false;
+  int png_level = kFastPngLevel;
   CutoutSettings settings;
 };
 
@@ -133,10 +134,11 @@ bool Parse(int argc, char** argv, Arguments* args, Failure* failure) {
       args->photo = flag;
       continue;
     }
-    const bool takes_value =
-        flag == "-o" || flag == "--work-size" || flag == "--band" ||
-        flag == "--background" || flag == "--colour" || flag == "--color" ||
-        flag == "--mask" || flag == "--trimap" || flag == "--scribbles";
+    const bool takes_value = flag == "-o" || flag == "--work-size" ||
+                             flag == "--band" || flag == "--background" ||
+                             flag == "--colour" || flag == "--color" ||
+                             flag == "--mask" || flag == "--trimap" ||
+                             flag == "--scribbles" || flag == "--png-level";
     if (!takes_value) {
       *failure = Bad("unknown option '" + flag + "'");
       return false;
@@ -176,6 +178,14 @@ bool Parse(int argc, char** argv, Arguments* args, Failure* failure) {
                 value + "'");
         return false;
       }
+    } else if (flag == "--png-level") {
+      long n = 0;
+      if (!ParseInt(value, &n) || n < 0 || n > 9) {
+        *failure = Bad("--png-level needs a whole number from 0 to 9, not '" +
+                       value + "'");
+        return false;
+      }
+      args->png_level = static_cast<int>(n);
     } else if (flag == "--background") {
       args->background = value;
     } else if (flag == "--colour" || flag == "--color") {
@@ -409,13 +419,14 @@ int Run(int argc, char** argv) {
     return kCannotWrite;
   }
   std::string error;
+  const PngCompression png = PngCompressionForLevel(args.png_level);
   Picture out;
   out.width = width;
   out.height = height;
   out.channels = 1;
   out.pixels.swap(alpha);
   if (!WritePngAtomically((folder / names[0]).string(), out, Layout::kGrey,
-                          &error)) {
+                          &error, png)) {
     std::fprintf(stderr, "softmatte: %s\n", error.c_str());
     return kCannotWrite;
   }
@@ -425,7 +436,7 @@ int Run(int argc, char** argv) {
   out.channels = 3;
   out.pixels.swap(backdrop);
   if (!WritePngAtomically((folder / names[2]).string(), out, Layout::kBgr,
-                          &error)) {
+                          &error, png)) {
     std::fprintf(stderr, "softmatte: %s\n", error.c_str());
     return kCannotWrite;
   }
@@ -439,7 +450,7 @@ int Run(int argc, char** argv) {
   }
   std::vector<unsigned char>().swap(colours);
   if (!WritePngAtomically((folder / names[1]).string(), out, Layout::kBgra,
-                          &error)) {
+                          &error, png)) {
     std::fprintf(stderr, "softmatte: %s\n", error.c_str());
     return kCannotWrite;
   }
