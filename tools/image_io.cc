@@ -13,9 +13,13 @@
 #include <cerrno>
 #include <csetjmp>
 #include <csignal>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
+#include <string>
+#include <vector>
 
 namespace softmatte_tool {
 namespace {
@@ -42,13 +46,29 @@ void GuardInterrupts() {
 
 std::string SystemReason() { return std::strerror(errno); }
 
-bool ReadPng(FILE* file, const std::string& path, Layout layout, Picture* out,
-             std::string* error) {
+// "x.png is 60000x60000 = 3600000000 pixels, ..." when the header asks for
+// more than max_pixels pixels.
+bool WithinLimit(const std::string& path, long long width, long long height,
+                 long long max_pixels, std::string* error) {
+  if (width * height <= max_pixels) return true;
+  *error = path + " is " + std::to_string(width) + "x" +
+           std::to_string(height) + " = " + std::to_string(width * height) +
+           " pixels, more than the limit of " + std::to_string(max_pixels) +
+           " (--max-pixels raises it)";
+  return false;
+}
+
+bool ReadPng(FILE* file, const std::string& path, Layout layout,
+             long long max_pixels, Picture* out, std::string* error) {
   png_image image;
   std::memset(&image, 0, sizeof image);
   image.version = PNG_IMAGE_VERSION;
   if (!png_image_begin_read_from_stdio(&image, file)) {
     *error = "cannot decode " + path + ": " + image.message;
+    return false;
+  }
+  if (!WithinLimit(path, image.width, image.height, max_pixels, error)) {
+    png_image_free(&image);
     return false;
   }
   switch (layout) {
@@ -68,7 +88,22 @@ bool ReadPng(FILE* file, const std::string& path, Layout layout, Picture* out,
   out->width = static_cast<int>(image.width);
   out->height = static_cast<int>(image.height);
   out->channels = ChannelsOf(layout);
-  out->pixels.resize(PNG_IMAGE_SIZE(image));
+  const size_t bytes =
+      static_cast<size_t>(out->width) * out->height * out->channels;
+  // libpng's simplified reader fills at most 4 GiB: refuse before asking
+  // for more.
+  const char* problem = bytes > 0xFFFFFFFFu ? "more than libpng reads" : "";
+  try {
+    if (!*problem) out->pixels.resize(bytes);
+  } catch (const std::bad_alloc&) {
+    problem = "not enough memory";
+  }
+  if (*problem) {
+    *error = "cannot decode " + path + ": " + std::to_string(image.width) +
+             "x" + std::to_string(image.height) + " pixels, " + problem;
+    png_image_free(&image);
+    return false;
+  }
   if (!png_image_finish_read(&image, nullptr, out->pixels.data(), 0, nullptr)) {
     *error = "cannot decode " + path + ": " + image.message;
     png_image_free(&image);
@@ -95,14 +130,33 @@ extern "C" void JpegWarn(j_common_ptr info, int level) {
   if (level < 0 && info->err->msg_code == JWRN_JPEG_EOF) JpegFail(info);
 }
 
+// One JPEG decode: what is asked, and what the header said.
+struct JpegJob {
+  Layout layout = Layout::kBgr;
+  Picture* out = nullptr;
+  long long max_pixels = 0;
+  long long width = 0;
+  long long height = 0;
+  bool too_large = false;
+  JpegFailure failure;
+};
+
 // Reads every row once the header is known; kept apart from the frame that
 // calls setjmp, so that nothing living there changes after it.
-void ReadRows(jpeg_decompress_struct* info, Picture* out) {
+void ReadRows(jpeg_decompress_struct* info, JpegJob* job) {
+  Picture* out = job->out;
   jpeg_start_decompress(info);
   out->width = static_cast<int>(info->output_width);
   out->height = static_cast<int>(info->output_height);
+  out->channels = ChannelsOf(job->layout);
   const size_t row = static_cast<size_t>(out->width) * out->channels;
-  out->pixels.resize(row * out->height);
+  bool allocated = true;
+  try {
+    out->pixels.resize(row * out->height);
+  } catch (const std::bad_alloc&) {
+    allocated = false;
+  }
+  if (!allocated) ERREXIT1(info, JERR_OUT_OF_MEMORY, 0);
   while (info->output_scanline < info->output_height) {
     JSAMPROW rows[1] = {out->pixels.data() + row * info->output_scanline};
     jpeg_read_scanlines(info, rows, 1);
@@ -110,37 +164,50 @@ void ReadRows(jpeg_decompress_struct* info, Picture* out) {
   jpeg_finish_decompress(info);
 }
 
-// False with failure->message set when libjpeg gives up. Only plain C
-// objects live in this frame: a longjmp back into it skips no destructor.
-bool DecodeJpeg(FILE* file, J_COLOR_SPACE space, Picture* out,
-                JpegFailure* failure) {
+// False with job->failure.message set when libjpeg gives up, or with
+// job->too_large set. Only plain C objects live in this frame: a longjmp
+// back into it skips no destructor.
+bool DecodeJpeg(FILE* file, JpegJob* job) {
   jpeg_decompress_struct info;
-  info.err = jpeg_std_error(&failure->manager);
-  failure->manager.error_exit = JpegFail;
-  failure->manager.emit_message = JpegWarn;
-  if (setjmp(failure->jump)) {
+  info.err = jpeg_std_error(&job->failure.manager);
+  job->failure.manager.error_exit = JpegFail;
+  job->failure.manager.emit_message = JpegWarn;
+  if (setjmp(job->failure.jump)) {
     jpeg_destroy_decompress(&info);
     return false;
   }
   jpeg_create_decompress(&info);
   jpeg_stdio_src(&info, file);
   jpeg_read_header(&info, TRUE);
-  info.out_color_space = space;
-  ReadRows(&info, out);
+  job->width = info.image_width;
+  job->height = info.image_height;
+  if (job->width * job->height > job->max_pixels) {
+    job->too_large = true;
+    jpeg_destroy_decompress(&info);
+    return false;
+  }
+  const Layout layout = job->layout;
+  info.out_color_space = layout == Layout::kGrey   ? JCS_GRAYSCALE
+                         : layout == Layout::kBgr  ? JCS_EXT_BGR
+                         : layout == Layout::kBgra ? JCS_EXT_BGRA
+                                                   : JCS_EXT_RGBA;
+  ReadRows(&info, job);
   jpeg_destroy_decompress(&info);
   return true;
 }
 
-bool ReadJpeg(FILE* file, const std::string& path, Layout layout, Picture* out,
-              std::string* error) {
-  out->channels = ChannelsOf(layout);
-  const J_COLOR_SPACE space = layout == Layout::kGrey   ? JCS_GRAYSCALE
-                              : layout == Layout::kBgr  ? JCS_EXT_BGR
-                              : layout == Layout::kBgra ? JCS_EXT_BGRA
-                                                        : JCS_EXT_RGBA;
-  JpegFailure failure;
-  if (DecodeJpeg(file, space, out, &failure)) return true;
-  *error = "cannot decode " + path + ": " + failure.message;
+bool ReadJpeg(FILE* file, const std::string& path, Layout layout,
+              long long max_pixels, Picture* out, std::string* error) {
+  JpegJob job;
+  job.layout = layout;
+  job.out = out;
+  job.max_pixels = max_pixels;
+  if (DecodeJpeg(file, &job)) return true;
+  if (!job.too_large) {
+    *error = "cannot decode " + path + ": " + job.failure.message;
+  } else {
+    WithinLimit(path, job.width, job.height, max_pixels, error);
+  }
   return false;
 }
 
@@ -229,7 +296,7 @@ PngCompression PngCompressionForLevel(int level) {
 }
 
 bool ReadPicture(const std::string& path, Layout layout, Picture* out,
-                 std::string* error) {
+                 std::string* error, long long max_pixels) {
   FILE* file = std::fopen(path.c_str(), "rb");
   if (!file) {
     *error = "cannot read " + path + ": " + SystemReason();
@@ -244,13 +311,18 @@ bool ReadPicture(const std::string& path, Layout layout, Picture* out,
   }
   std::rewind(file);
   bool ok = false;
-  if (got == 8 && png_sig_cmp(magic, 0, 8) == 0) {
-    ok = ReadPng(file, path, layout, out, error);
-  } else if (got >= 3 && magic[0] == 0xFF && magic[1] == 0xD8 &&
-             magic[2] == 0xFF) {
-    ok = ReadJpeg(file, path, layout, out, error);
-  } else {
-    *error = "cannot decode " + path + ": not a PNG or JPEG image";
+  try {
+    if (got == 8 && png_sig_cmp(magic, 0, 8) == 0) {
+      ok = ReadPng(file, path, layout, max_pixels, out, error);
+    } else if (got >= 3 && magic[0] == 0xFF && magic[1] == 0xD8 &&
+               magic[2] == 0xFF) {
+      ok = ReadJpeg(file, path, layout, max_pixels, out, error);
+    } else {
+      *error = "cannot decode " + path + ": not a PNG or JPEG image";
+    }
+  } catch (const std::bad_alloc&) {
+    *error = "cannot decode " + path + ": not enough memory";
+    ok = false;
   }
   std::fclose(file);
   if (ok && (out->width < 1 || out->height < 1)) {

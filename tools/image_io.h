@@ -18,11 +18,18 @@ struct Picture {
   std::vector<unsigned char> pixels;
 };
 
+// Pictures with more pixels are refused from their header, before any pixel
+// memory is taken. A cut-out peaks at about 34 bytes a pixel (410 MB for 12
+// megapixels with a wide band), so this keeps a run near 5 GB while letting
+// through the 108-megapixel photos of the largest phone sensors.
+constexpr long long kDefaultMaxPixels = 150000000;
+
 // Reads a PNG or JPEG file into layout (converting colour and depth as
 // needed). On failure returns false and sets error to a short phrase that
-// names the file ("cannot read x.png: No such file or directory").
+// names the file ("cannot read x.png: No such file or directory"); a
+// picture of more than max_pixels pixels is refused before it is decoded.
 bool ReadPicture(const std::string& path, Layout layout, Picture* out,
-                 std::string* error);
+                 std::string* error, long long max_pixels = kDefaultMaxPixels);
 
 // How a PNG is compressed: a zlib level (0-9), the PNG row filters (a mask
 // of libpng's PNG_FILTER_* bits) and the zlib strategy (Z_DEFAULT_STRATEGY,

@@ -37,7 +37,7 @@ const char kUsage[] =
     " --scribbles SCRIBBLES)\n"
     "                 [--work-size N] [--band MAX,SCALE]"
     " [--background IMAGE | --colour RRGGBB]\n"
-    "                 [--png-level N] [-o DIR] [--verbose]\n";
+    "                 [--max-pixels N] [--png-level N] [-o DIR] [--verbose]\n";
 
 // Carries the one line a bad input earns.
 struct Failure {
@@ -55,6 +55,7 @@ struct Arguments {
   unsigned char colour[3] = {255, 255, 255};  // B, G, R
   std::string output = "softmatte-out";
   bool verbose = false;
+  long long max_pixels = kDefaultMaxPixels;
   int png_level = kFastPngLevel;
   CutoutSettings settings;
 };
@@ -134,11 +135,11 @@ bool Parse(int argc, char** argv, Arguments* args, Failure* failure) {
       args->photo = flag;
       continue;
     }
-    const bool takes_value = flag == "-o" || flag == "--work-size" ||
-                             flag == "--band" || flag == "--background" ||
-                             flag == "--colour" || flag == "--color" ||
-                             flag == "--mask" || flag == "--trimap" ||
-                             flag == "--scribbles" || flag == "--png-level";
+    const bool takes_value =
+        flag == "-o" || flag == "--work-size" || flag == "--band" ||
+        flag == "--background" || flag == "--colour" || flag == "--color" ||
+        flag == "--mask" || flag == "--trimap" || flag == "--scribbles" ||
+        flag == "--max-pixels" || flag == "--png-level";
     if (!takes_value) {
       *failure = Bad("unknown option '" + flag + "'");
       return false;
@@ -178,6 +179,15 @@ bool Parse(int argc, char** argv, Arguments* args, Failure* failure) {
                 value + "'");
         return false;
       }
+    } else if (flag == "--max-pixels") {
+      long n = 0;
+      if (!ParseInt(value, &n) || n < 1) {
+        *failure =
+            Bad("--max-pixels needs a whole number of at least 1, not '" +
+                value + "'");
+        return false;
+      }
+      args->max_pixels = n;
     } else if (flag == "--png-level") {
       long n = 0;
       if (!ParseInt(value, &n) || n < 0 || n > 9) {
@@ -247,10 +257,10 @@ std::string SampleDir() {
   return SOFTMATTE_SOURCE_SAMPLE_DIR;
 }
 
-bool Load(const std::string& path, Layout layout, Picture* picture,
-          Failure* failure) {
+bool Load(const std::string& path, Layout layout, long long max_pixels,
+          Picture* picture, Failure* failure) {
   std::string error;
-  if (ReadPicture(path, layout, picture, &error)) return true;
+  if (ReadPicture(path, layout, picture, &error, max_pixels)) return true;
   *failure = Bad(error);
   return false;
 }
@@ -296,14 +306,16 @@ int Run(int argc, char** argv) {
   StageClock clock(args.verbose);
   clock.Start("reading inputs");
   Picture photo;
-  if (!Load(args.photo, Layout::kBgr, &photo, &failure)) return fail();
+  if (!Load(args.photo, Layout::kBgr, args.max_pixels, &photo, &failure)) {
+    return fail();
+  }
   const int width = photo.width;
   const int height = photo.height;
 
   std::vector<unsigned char> trimap;
   if (!args.trimap.empty()) {
     Picture given;
-    if (!Load(args.trimap, Layout::kGrey, &given, &failure) ||
+    if (!Load(args.trimap, Layout::kGrey, args.max_pixels, &given, &failure) ||
         !CheckSize(given, photo, "trimap", args.trimap, &failure)) {
       return fail();
     }
@@ -324,7 +336,8 @@ int Run(int argc, char** argv) {
     std::vector<unsigned char> mask;
     if (!args.scribbles.empty()) {
       Picture strokes;
-      if (!Load(args.scribbles, Layout::kBgra, &strokes, &failure) ||
+      if (!Load(args.scribbles, Layout::kBgra, args.max_pixels, &strokes,
+                &failure) ||
           !CheckSize(strokes, photo, "scribbles", args.scribbles, &failure)) {
         return fail();
       }
@@ -345,7 +358,7 @@ int Run(int argc, char** argv) {
       MaskFromLabels(photo.pixels, width, height, labels, &mask);
     } else {
       Picture given;
-      if (!Load(args.mask, Layout::kGrey, &given, &failure) ||
+      if (!Load(args.mask, Layout::kGrey, args.max_pixels, &given, &failure) ||
           !CheckSize(given, photo, "mask", args.mask, &failure)) {
         return fail();
       }
@@ -368,7 +381,10 @@ int Run(int argc, char** argv) {
   if (!args.background.empty()) {
     // Checked before the long solve, so that a broken file fails at once.
     Picture given;
-    if (!Load(args.background, Layout::kBgr, &given, &failure)) return fail();
+    if (!Load(args.background, Layout::kBgr, args.max_pixels, &given,
+              &failure)) {
+      return fail();
+    }
   }
 
   const fs::path folder(args.output);
@@ -400,7 +416,10 @@ int Run(int argc, char** argv) {
   std::vector<unsigned char> backdrop(colours.size());
   if (!args.background.empty()) {
     Picture given;
-    if (!Load(args.background, Layout::kBgr, &given, &failure)) return fail();
+    if (!Load(args.background, Layout::kBgr, args.max_pixels, &given,
+              &failure)) {
+      return fail();
+    }
     // Stretched to the photo: a backdrop rarely has the photo's exact size.
     ff::ipf_resize_bl<unsigned char, unsigned char>(
         given.pixels.data(), given.width, given.height, 3 * given.width, 3,
