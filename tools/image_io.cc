@@ -19,6 +19,7 @@
 #include <cstring>
 #include <new>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace softmatte_tool {
@@ -58,8 +59,131 @@ bool WithinLimit(const std::string& path, long long width, long long height,
   return false;
 }
 
+// The orientation tag (0x0112) of the first image directory of an Exif
+// block, which starts at its TIFF header ("II" or "MM", 42, the directory's
+// offset). Anything malformed or out of range counts as 1, upright.
+int ExifOrientation(const unsigned char* tiff, size_t size) {
+  if (size < 8) return 1;
+  const bool motorola = tiff[0] == 'M' && tiff[1] == 'M';
+  if (!motorola && !(tiff[0] == 'I' && tiff[1] == 'I')) return 1;
+  const auto u16 = [&](size_t at) -> unsigned {
+    return motorola ? tiff[at] << 8 | tiff[at + 1]
+                    : tiff[at] | tiff[at + 1] << 8;
+  };
+  const auto u32 = [&](size_t at) -> unsigned long {
+    return motorola ? static_cast<unsigned long>(u16(at)) << 16 | u16(at + 2)
+                    : static_cast<unsigned long>(u16(at + 2)) << 16 | u16(at);
+  };
+  const unsigned long directory = u32(4);
+  if (u16(2) != 42 || directory > size - 2) return 1;
+  const unsigned entries = u16(directory);
+  for (unsigned i = 0; i < entries; ++i) {
+    const size_t entry = directory + 2 + 12 * static_cast<size_t>(i);
+    if (entry + 12 > size) return 1;
+    if (u16(entry) != 0x0112) continue;
+    // One SHORT, left-justified in the value field.
+    const unsigned value = u16(entry + 8);
+    const bool usable = u16(entry + 2) == 3 && u32(entry + 4) == 1;
+    return usable && value >= 1 && value <= 8 ? static_cast<int>(value) : 1;
+  }
+  return 1;
+}
+
+// The stored pixel that lands at the upright (0, 0), and the distances in
+// the stored picture to the pixels that land one step right and one down.
+struct Steps {
+  ptrdiff_t origin, right, down;
+};
+
+// Copies the stored pixels to upright, row by upright row.
+template <int kChannels>
+void Walk(const Steps& steps, const Picture& picture, unsigned char* upright) {
+  const unsigned char* from = picture.pixels.data();
+  for (int y = 0; y < picture.height; ++y) {
+    ptrdiff_t at = steps.origin + y * steps.down;
+    for (int x = 0; x < picture.width; ++x, at += steps.right) {
+      std::memcpy(upright, from + at * kChannels, kChannels);
+      upright += kChannels;
+    }
+  }
+}
+
+// Turns a decoded picture upright. An Exif orientation names the sides of
+// the upright picture along which the stored first row and first column lie
+// (the table of the Exif standard, taken from TIFF 6.0):
+//   1 top, left: as stored           5 left, top: transposed
+//   2 top, right: mirrored           6 right, top: turned 90 deg clockwise
+//   3 bottom, right: turned 180 deg  7 right, bottom: transverse
+//   4 bottom, left: flipped          8 left, bottom: turned 90 deg counter-
+//                                      clockwise
+// From 5 on, stored rows become columns: width and height swap.
+void TurnUpright(int orientation, Picture* picture) {
+  if (orientation < 2 || orientation > 8) return;
+  const ptrdiff_t w = picture->width;
+  const ptrdiff_t h = picture->height;
+  const Steps walks[9] = {{0, 1, w},
+                          {0, 1, w},
+                          {w - 1, -1, w},
+                          {w * h - 1, -1, -w},
+                          {(h - 1) * w, 1, -w},
+                          {0, w, 1},
+                          {(h - 1) * w, -w, 1},
+                          {w * h - 1, -w, -1},
+                          {w - 1, w, -1}};
+  const Steps& walk = walks[orientation];
+  if (orientation >= 5) std::swap(picture->width, picture->height);
+  std::vector<unsigned char> upright(picture->pixels.size());
+  switch (picture->channels) {
+    case 1:
+      Walk<1>(walk, *picture, upright.data());
+      break;
+    case 3:
+      Walk<3>(walk, *picture, upright.data());
+      break;
+    default:
+      Walk<4>(walk, *picture, upright.data());
+      break;
+  }
+  picture->pixels.swap(upright);
+}
+
+// libpng reports through these, with the message buffer as its error
+// pointer; its own handlers would print to stderr.
+extern "C" void PngFail(png_structp png, png_const_charp message) {
+  std::snprintf(static_cast<char*>(png_get_error_ptr(png)), kMessageSize, "%s",
+                message);
+  png_longjmp(png, 1);
+}
+
+extern "C" void PngIgnore(png_structp, png_const_charp) {}
+
+// The Exif orientation of a PNG's eXIf chunk, read from the chunks before
+// the pixels; 1 when there is none or the header does not decode (the
+// decoder proper then says why). Only plain C objects live in this frame.
+int PngOrientation(FILE* file) {
+  char message[kMessageSize];
+  png_structp png = png_create_read_struct(PNG_LIBPNG_VER_STRING, message,
+                                           PngFail, PngIgnore);
+  if (!png) return 1;
+  png_infop info = png_create_info_struct(png);
+  int orientation = 1;
+  if (info && !setjmp(png_jmpbuf(png))) {
+    png_init_io(png, file);
+    png_read_info(png, info);
+    png_bytep exif = nullptr;
+    png_uint_32 size = 0;
+    if (png_get_eXIf_1(png, info, &size, &exif)) {
+      orientation = ExifOrientation(exif, size);
+    }
+  }
+  png_destroy_read_struct(&png, &info, nullptr);
+  return orientation;
+}
+
 bool ReadPng(FILE* file, const std::string& path, Layout layout,
              long long max_pixels, Picture* out, std::string* error) {
+  const int orientation = PngOrientation(file);
+  std::rewind(file);
   png_image image;
   std::memset(&image, 0, sizeof image);
   image.version = PNG_IMAGE_VERSION;
@@ -109,6 +233,7 @@ bool ReadPng(FILE* file, const std::string& path, Layout layout,
     png_image_free(&image);
     return false;
   }
+  TurnUpright(orientation, out);
   return true;
 }
 
@@ -138,6 +263,7 @@ struct JpegJob {
   long long width = 0;
   long long height = 0;
   bool too_large = false;
+  int orientation = 1;
   JpegFailure failure;
 };
 
@@ -164,6 +290,19 @@ void ReadRows(jpeg_decompress_struct* info, JpegJob* job) {
   jpeg_finish_decompress(info);
 }
 
+// The orientation from the first Exif block among the saved APP1 markers.
+int JpegOrientation(const jpeg_decompress_struct& info) {
+  static const unsigned char kExif[6] = {'E', 'x', 'i', 'f', 0, 0};
+  for (jpeg_saved_marker_ptr m = info.marker_list; m; m = m->next) {
+    if (m->marker == JPEG_APP0 + 1 && m->data_length >= sizeof kExif &&
+        std::memcmp(m->data, kExif, sizeof kExif) == 0) {
+      return ExifOrientation(m->data + sizeof kExif,
+                             m->data_length - sizeof kExif);
+    }
+  }
+  return 1;
+}
+
 // False with job->failure.message set when libjpeg gives up, or with
 // job->too_large set. Only plain C objects live in this frame: a longjmp
 // back into it skips no destructor.
@@ -178,6 +317,7 @@ bool DecodeJpeg(FILE* file, JpegJob* job) {
   }
   jpeg_create_decompress(&info);
   jpeg_stdio_src(&info, file);
+  jpeg_save_markers(&info, JPEG_APP0 + 1, 0xFFFF);
   jpeg_read_header(&info, TRUE);
   job->width = info.image_width;
   job->height = info.image_height;
@@ -186,6 +326,7 @@ bool DecodeJpeg(FILE* file, JpegJob* job) {
     jpeg_destroy_decompress(&info);
     return false;
   }
+  job->orientation = JpegOrientation(info);
   const Layout layout = job->layout;
   info.out_color_space = layout == Layout::kGrey   ? JCS_GRAYSCALE
                          : layout == Layout::kBgr  ? JCS_EXT_BGR
@@ -202,7 +343,10 @@ bool ReadJpeg(FILE* file, const std::string& path, Layout layout,
   job.layout = layout;
   job.out = out;
   job.max_pixels = max_pixels;
-  if (DecodeJpeg(file, &job)) return true;
+  if (DecodeJpeg(file, &job)) {
+    TurnUpright(job.orientation, out);
+    return true;
+  }
   if (!job.too_large) {
     *error = "cannot decode " + path + ": " + job.failure.message;
   } else {
@@ -210,16 +354,6 @@ bool ReadJpeg(FILE* file, const std::string& path, Layout layout,
   }
   return false;
 }
-
-// libpng reports through these, with the message buffer as its error
-// pointer; its own handlers would print to stderr.
-extern "C" void PngFail(png_structp png, png_const_charp message) {
-  std::snprintf(static_cast<char*>(png_get_error_ptr(png)), kMessageSize, "%s",
-                message);
-  png_longjmp(png, 1);
-}
-
-extern "C" void PngIgnore(png_structp, png_const_charp) {}
 
 // One PNG encode, and libpng's message when it gives up.
 struct PngWriteJob {
@@ -320,7 +454,7 @@ bool ReadPicture(const std::string& path, Layout layout, Picture* out,
     } else {
       *error = "cannot decode " + path + ": not a PNG or JPEG image";
     }
-  } catch (const std::bad_alloc&) {
+  } catch (const std::bad_alloc&) {  // turning a huge photo upright
     *error = "cannot decode " + path + ": not enough memory";
     ok = false;
   }

@@ -1,5 +1,6 @@
-// Image files made on the spot for the tool's tests: JPEGs, and PNG and
-// JPEG files edited to claim another size.
+// Image files made on the spot for the tool's tests: JPEGs with an optional
+// Exif block, and PNG and JPEG files edited to claim another size or to
+// carry another chunk.
 #ifndef SOFTMATTE_TESTS_TOOLS_IMAGE_FILES_H_
 #define SOFTMATTE_TESTS_TOOLS_IMAGE_FILES_H_
 
@@ -35,9 +36,11 @@ inline std::string BigEndian(uint32_t value, int bytes) {
 }
 
 // A JPEG at quality 100 without chroma subsampling, so that colours come
-// back within a step or two.
+// back within a step or two, and with app1 as an APP1 marker when it is not
+// empty.
 inline void SaveJpeg(const std::filesystem::path& path,
-                     const unsigned char* bgr, int width, int height) {
+                     const unsigned char* bgr, int width, int height,
+                     const std::string& app1 = "") {
   jpeg_compress_struct info;
   jpeg_error_mgr errors;
   info.err = jpeg_std_error(&errors);
@@ -55,6 +58,11 @@ inline void SaveJpeg(const std::filesystem::path& path,
     info.comp_info[i].h_samp_factor = info.comp_info[i].v_samp_factor = 1;
   }
   jpeg_start_compress(&info, TRUE);
+  if (!app1.empty()) {
+    jpeg_write_marker(&info, JPEG_APP0 + 1,
+                      reinterpret_cast<const JOCTET*>(app1.data()),
+                      static_cast<unsigned>(app1.size()));
+  }
   const size_t row = static_cast<size_t>(width) * info.input_components;
   while (info.next_scanline < info.image_height) {
     JSAMPROW rows[1] = {const_cast<unsigned char*>(bgr) +
@@ -73,6 +81,13 @@ inline std::string PngChunk(const std::string& type, const std::string& data) {
                           static_cast<uInt>(body.size()));
   return BigEndian(static_cast<uint32_t>(data.size()), 4) + body +
          BigEndian(static_cast<uint32_t>(crc), 4);
+}
+
+// The PNG with another chunk right after its header chunk.
+inline std::string WithPngChunk(const std::string& png,
+                                const std::string& chunk) {
+  constexpr size_t kAfterHeader = 8 + 25;  // signature, IHDR chunk
+  return png.substr(0, kAfterHeader) + chunk + png.substr(kAfterHeader);
 }
 
 // The PNG with a header that claims width x height pixels.

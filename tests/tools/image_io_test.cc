@@ -1,5 +1,5 @@
 // The tool's image reading and writing: size limits taken from the header,
-// and PNG round trips at every compression.
+// Exif orientation, and PNG round trips at every compression.
 
 #include "image_io.h"
 
@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "gtest/gtest.h"
@@ -92,6 +93,121 @@ TEST_F(ImageIo, RefusesTooManyPixelsFromTheHeader) {
               std::string::npos)
         << error;
     EXPECT_EQ(Read(dir_ / name, Layout::kGrey, 63).width, 9);
+  }
+}
+
+// Where the stored first row and first column lie in the upright picture,
+// in the words of the Exif standard's table, for orientations 1 to 8.
+enum Side { kTop, kBottom, kLeft, kRight };
+constexpr std::pair<Side, Side> kSidesOf[9] = {
+    {kTop, kLeft},     {kTop, kLeft},     {kTop, kRight},
+    {kBottom, kRight}, {kBottom, kLeft},  {kLeft, kTop},
+    {kRight, kTop},    {kRight, kBottom}, {kLeft, kBottom}};
+
+// Places each stored pixel by its distance from those two sides.
+Picture UprightReference(const Picture& stored, int orientation) {
+  const auto [row_side, column_side] = kSidesOf[orientation];
+  const bool turned = row_side == kLeft || row_side == kRight;
+  Picture out{turned ? stored.height : stored.width,
+              turned ? stored.width : stored.height, stored.channels,
+              std::vector<unsigned char>(stored.pixels.size())};
+  const auto place = [&](Side side, int distance, int* x, int* y) {
+    if (side == kTop) *y = distance;
+    if (side == kBottom) *y = out.height - 1 - distance;
+    if (side == kLeft) *x = distance;
+    if (side == kRight) *x = out.width - 1 - distance;
+  };
+  for (int sy = 0; sy < stored.height; ++sy) {
+    for (int sx = 0; sx < stored.width; ++sx) {
+      int x = 0, y = 0;
+      place(row_side, sy, &x, &y);
+      place(column_side, sx, &x, &y);
+      for (int c = 0; c < stored.channels; ++c) {
+        out.pixels[(size_t{1} * y * out.width + x) * out.channels + c] =
+            stored
+                .pixels[(size_t{1} * sy * stored.width + sx) * stored.channels +
+                        c];
+      }
+    }
+  }
+  return out;
+}
+
+// A TIFF header and a first directory holding an image width and then the
+// orientation, in Intel (II) or Motorola (MM) byte order.
+std::string Tiff(bool motorola, int orientation) {
+  std::string out = motorola ? "MM" : "II";
+  const auto put = [&](uint32_t value, int bytes) {
+    std::string big = BigEndian(value, bytes);
+    out += motorola ? big : std::string(big.rbegin(), big.rend());
+  };
+  put(42, 2), put(8, 4), put(2, 2);
+  put(0x0100, 2), put(3, 2), put(1, 4), put(640, 2), put(0, 2);
+  put(0x0112, 2), put(3, 2), put(1, 4), put(orientation, 2), put(0, 2);
+  put(0, 4);
+  return out;
+}
+
+const std::string kExif("Exif\0\0", 6);
+
+TEST_F(ImageIo, TurnsPhotosUprightByTheirExifOrientation) {
+  const Picture stored = Random(5, 3, Layout::kBgr);
+  SaveJpeg(dir_ / "plain.jpg", stored.pixels.data(), 5, 3);
+  const std::string png = Slurp(Png("plain.png", stored, Layout::kBgr));
+  // Random colours survive quality 100 within a few steps, in each layout.
+  for (Layout layout : {Layout::kBgr, Layout::kBgra, Layout::kRgba}) {
+    const Picture jpeg = Read(dir_ / "plain.jpg", layout);
+    const Picture exact = Read(dir_ / "plain.png", layout);
+    ASSERT_EQ(jpeg.pixels.size(), exact.pixels.size());
+    for (size_t i = 0; i < jpeg.pixels.size(); ++i) {
+      EXPECT_NEAR(jpeg.pixels[i], exact.pixels[i], 3) << "byte " << i;
+    }
+  }
+  // The same compressed pixels with an Exif block decode to the same stored
+  // pixels, which the block then only moves.
+  const auto check = [&](const std::string& tiff, int want) {
+    SaveJpeg(dir_ / "turned.jpg", stored.pixels.data(), 5, 3, kExif + tiff);
+    Spit(dir_ / "turned.png", WithPngChunk(png, PngChunk("eXIf", tiff)));
+    for (const char* kind : {"jpg", "png"}) {
+      for (Layout layout : {Layout::kGrey, Layout::kBgr, Layout::kRgba}) {
+        const Picture plain =
+            Read(dir_ / ("plain." + std::string(kind)), layout);
+        const Picture got =
+            Read(dir_ / ("turned." + std::string(kind)), layout);
+        const Picture expected = UprightReference(plain, want);
+        ASSERT_EQ(got.width, expected.width) << kind;
+        ASSERT_EQ(got.height, expected.height) << kind;
+        ASSERT_EQ(got.pixels, expected.pixels) << kind;
+      }
+    }
+  };
+  for (int orientation = 1; orientation <= 8; ++orientation) {
+    for (bool motorola : {false, true}) {
+      SCOPED_TRACE("orientation " + std::to_string(orientation) +
+                   (motorola ? " MM" : " II"));
+      check(Tiff(motorola, orientation), orientation);
+    }
+  }
+  // Broken blocks are ignored, never read beyond their end.
+  std::string wrong_order = Tiff(false, 6);
+  wrong_order[0] = wrong_order[1] = 'M';
+  std::string far_directory = Tiff(true, 6);
+  far_directory.replace(4, 4, "\xFF\xFF\xFF\xF0");
+  std::string many_entries = Tiff(false, 6);
+  many_entries.replace(8, 2, "\xFF\xFF");
+  const std::string broken[] = {"",
+                                Tiff(false, 6).substr(0, 7),
+                                Tiff(false, 6).substr(0, 9),
+                                Tiff(true, 6).substr(0, 32),
+                                many_entries.substr(0, 22),
+                                far_directory,
+                                wrong_order,
+                                "IIxx" + Tiff(false, 6).substr(4),
+                                Tiff(true, 0),
+                                Tiff(false, 9)};
+  for (const std::string& tiff : broken) {
+    SCOPED_TRACE(testing::PrintToString(tiff));
+    check(tiff, 1);
   }
 }
 
