@@ -259,13 +259,51 @@ extern "C" void JpegWarn(j_common_ptr info, int level) {
 struct JpegJob {
   Layout layout = Layout::kBgr;
   Picture* out = nullptr;
+  std::vector<unsigned char>* ink_row = nullptr;  // a CMYK row, unconverted
   long long max_pixels = 0;
   long long width = 0;
   long long height = 0;
   bool too_large = false;
+  bool ink = false;           // CMYK or YCCK, decoded to CMYK
+  bool inverted_ink = false;  // Adobe-marked: 0 is full ink
   int orientation = 1;
   JpegFailure failure;
 };
+
+// libjpeg's own weights for grey from RGB (16 fraction bits, rounded).
+unsigned char GreyOf(int r, int g, int b) {
+  return static_cast<unsigned char>(
+      (19595 * r + 38470 * g + 7471 * b + 32768) >> 16);
+}
+
+// Ink to light with the plain subtractive model that decoders use without a
+// colour profile: R = (255 - C)(255 - K) / 255, and so on. Photoshop writes
+// Adobe-marked CMYK and YCCK with every channel inverted (255 is no ink), and
+// decoders read any Adobe-marked file so, which makes it R = C K / 255.
+void InkRowToLayout(const unsigned char* cmyk, int width, bool inverted,
+                    Layout layout, unsigned char* to) {
+  const int c = ChannelsOf(layout);
+  for (int x = 0; x < width; ++x, cmyk += 4, to += c) {
+    int light[4];
+    for (int i = 0; i < 4; ++i) light[i] = inverted ? cmyk[i] : 255 - cmyk[i];
+    int rgb[3];
+    for (int i = 0; i < 3; ++i) rgb[i] = (light[i] * light[3] + 127) / 255;
+    switch (layout) {
+      case Layout::kGrey:
+        to[0] = GreyOf(rgb[0], rgb[1], rgb[2]);
+        break;
+      case Layout::kBgr:
+      case Layout::kBgra:
+        for (int i = 0; i < 3; ++i)
+          to[i] = static_cast<unsigned char>(rgb[2 - i]);
+        break;
+      case Layout::kRgba:
+        for (int i = 0; i < 3; ++i) to[i] = static_cast<unsigned char>(rgb[i]);
+        break;
+    }
+    if (c == 4) to[3] = 255;
+  }
+}
 
 // Reads every row once the header is known; kept apart from the frame that
 // calls setjmp, so that nothing living there changes after it.
@@ -279,13 +317,17 @@ void ReadRows(jpeg_decompress_struct* info, JpegJob* job) {
   bool allocated = true;
   try {
     out->pixels.resize(row * out->height);
+    if (job->ink) job->ink_row->resize(4 * static_cast<size_t>(out->width));
   } catch (const std::bad_alloc&) {
     allocated = false;
   }
   if (!allocated) ERREXIT1(info, JERR_OUT_OF_MEMORY, 0);
   while (info->output_scanline < info->output_height) {
-    JSAMPROW rows[1] = {out->pixels.data() + row * info->output_scanline};
-    jpeg_read_scanlines(info, rows, 1);
+    unsigned char* to = out->pixels.data() + row * info->output_scanline;
+    JSAMPROW rows[1] = {job->ink ? job->ink_row->data() : to};
+    if (jpeg_read_scanlines(info, rows, 1) == 1 && job->ink) {
+      InkRowToLayout(rows[0], out->width, job->inverted_ink, job->layout, to);
+    }
   }
   jpeg_finish_decompress(info);
 }
@@ -327,8 +369,13 @@ bool DecodeJpeg(FILE* file, JpegJob* job) {
     return false;
   }
   job->orientation = JpegOrientation(info);
+  // libjpeg turns YCCK into CMYK itself, but neither into RGB.
+  job->ink =
+      info.jpeg_color_space == JCS_CMYK || info.jpeg_color_space == JCS_YCCK;
+  job->inverted_ink = job->ink && info.saw_Adobe_marker;
   const Layout layout = job->layout;
-  info.out_color_space = layout == Layout::kGrey   ? JCS_GRAYSCALE
+  info.out_color_space = job->ink                  ? JCS_CMYK
+                         : layout == Layout::kGrey ? JCS_GRAYSCALE
                          : layout == Layout::kBgr  ? JCS_EXT_BGR
                          : layout == Layout::kBgra ? JCS_EXT_BGRA
                                                    : JCS_EXT_RGBA;
@@ -339,9 +386,11 @@ bool DecodeJpeg(FILE* file, JpegJob* job) {
 
 bool ReadJpeg(FILE* file, const std::string& path, Layout layout,
               long long max_pixels, Picture* out, std::string* error) {
+  std::vector<unsigned char> ink_row;
   JpegJob job;
   job.layout = layout;
   job.out = out;
+  job.ink_row = &ink_row;
   job.max_pixels = max_pixels;
   if (DecodeJpeg(file, &job)) {
     TurnUpright(job.orientation, out);

@@ -25,10 +25,11 @@ struct Picture {
 constexpr long long kDefaultMaxPixels = 150000000;
 
 // Reads a PNG or JPEG file into layout (converting colour and depth as
-// needed) and turns it upright as its Exif orientation says. On failure
-// returns false and sets error to a short phrase that names the file
-// ("cannot read x.png: No such file or directory"); a picture of more than
-// max_pixels pixels is refused before it is decoded.
+// needed, CMYK and YCCK JPEGs included) and turns it upright as its Exif
+// orientation says. On failure returns false and sets error to a short
+// phrase that names the file ("cannot read x.png: No such file or
+// directory"); a picture of more than max_pixels pixels is refused before
+// it is decoded.
 bool ReadPicture(const std::string& path, Layout layout, Picture* out,
                  std::string* error, long long max_pixels = kDefaultMaxPixels);
 

@@ -1,6 +1,6 @@
-// Image files made on the spot for the tool's tests: JPEGs with an optional
-// Exif block, and PNG and JPEG files edited to claim another size or to
-// carry another chunk.
+// Image files made on the spot for the tool's tests: JPEGs in any colour
+// space with an optional Exif block, and PNG and JPEG files edited to claim
+// another size or to carry another chunk.
 #ifndef SOFTMATTE_TESTS_TOOLS_IMAGE_FILES_H_
 #define SOFTMATTE_TESTS_TOOLS_IMAGE_FILES_H_
 
@@ -35,12 +35,17 @@ inline std::string BigEndian(uint32_t value, int bytes) {
   return out;
 }
 
-// A JPEG at quality 100 without chroma subsampling, so that colours come
-// back within a step or two, and with app1 as an APP1 marker when it is not
-// empty.
+// A JPEG at quality 100 without chroma subsampling, so that flat colours
+// come back within a step or two, and with app1 as an APP1 marker when it
+// is not empty. in_space is the pixels' layout, file_space what the file
+// stores (CMYK may be stored as YCCK); the Adobe marker is for CMYK and
+// YCCK only.
 inline void SaveJpeg(const std::filesystem::path& path,
-                     const unsigned char* bgr, int width, int height,
-                     const std::string& app1 = "") {
+                     const unsigned char* pixels, int width, int height,
+                     const std::string& app1 = "",
+                     J_COLOR_SPACE in_space = JCS_EXT_BGR,
+                     J_COLOR_SPACE file_space = JCS_YCbCr,
+                     bool adobe_marker = false) {
   jpeg_compress_struct info;
   jpeg_error_mgr errors;
   info.err = jpeg_std_error(&errors);
@@ -50,13 +55,15 @@ inline void SaveJpeg(const std::filesystem::path& path,
   jpeg_stdio_dest(&info, file);
   info.image_width = width;
   info.image_height = height;
-  info.in_color_space = JCS_EXT_BGR;
-  info.input_components = 3;
+  info.in_color_space = in_space;
+  info.input_components = in_space == JCS_CMYK ? 4 : 3;
   jpeg_set_defaults(&info);
+  jpeg_set_colorspace(&info, file_space);
   jpeg_set_quality(&info, 100, TRUE);
   for (int i = 0; i < info.num_components; ++i) {
     info.comp_info[i].h_samp_factor = info.comp_info[i].v_samp_factor = 1;
   }
+  info.write_Adobe_marker = adobe_marker;
   jpeg_start_compress(&info, TRUE);
   if (!app1.empty()) {
     jpeg_write_marker(&info, JPEG_APP0 + 1,
@@ -65,7 +72,7 @@ inline void SaveJpeg(const std::filesystem::path& path,
   }
   const size_t row = static_cast<size_t>(width) * info.input_components;
   while (info.next_scanline < info.image_height) {
-    JSAMPROW rows[1] = {const_cast<unsigned char*>(bgr) +
+    JSAMPROW rows[1] = {const_cast<unsigned char*>(pixels) +
                         row * info.next_scanline};
     jpeg_write_scanlines(&info, rows, 1);
   }

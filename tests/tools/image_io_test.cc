@@ -1,5 +1,5 @@
 // The tool's image reading and writing: size limits taken from the header,
-// Exif orientation, and PNG round trips at every compression.
+// Exif orientation, CMYK JPEGs, and PNG round trips at every compression.
 
 #include "image_io.h"
 
@@ -208,6 +208,51 @@ TEST_F(ImageIo, TurnsPhotosUprightByTheirExifOrientation) {
   for (const std::string& tiff : broken) {
     SCOPED_TRACE(testing::PrintToString(tiff));
     check(tiff, 1);
+  }
+}
+
+// Ink to light as the plain subtractive model has it.
+int Light(int ink, int black) {
+  return ((255 - ink) * (255 - black) + 127) / 255;
+}
+
+TEST_F(ImageIo, ConvertsCmykAndYcckJpegsToRgb) {
+  // Flat 8x8 blocks of C, M, Y, K ink.
+  const unsigned char inks[][4] = {{0, 0, 0, 0},       {255, 0, 0, 0},
+                                   {0, 128, 255, 64},  {40, 200, 30, 0},
+                                   {90, 10, 160, 200}, {0, 0, 0, 255}};
+  const int count = sizeof inks / sizeof inks[0];
+  const int width = 8 * count;
+  const struct {
+    J_COLOR_SPACE stored;
+    bool adobe;
+  } kinds[] = {{JCS_CMYK, false}, {JCS_CMYK, true}, {JCS_YCCK, true}};
+  for (const auto& kind : kinds) {
+    SCOPED_TRACE(std::string(kind.stored == JCS_CMYK ? "CMYK" : "YCCK") +
+                 (kind.adobe ? " with" : " without") + " the Adobe marker");
+    // Photoshop's files, those with the Adobe marker, store 255 for no ink.
+    std::vector<unsigned char> cmyk(4 * width * 8);
+    for (size_t i = 0; i < cmyk.size(); ++i) {
+      const int ink = inks[i / 4 % width / 8][i % 4];
+      cmyk[i] = static_cast<unsigned char>(kind.adobe ? 255 - ink : ink);
+    }
+    SaveJpeg(dir_ / "ink.jpg", cmyk.data(), width, 8, "", JCS_CMYK, kind.stored,
+             kind.adobe);
+    const Picture bgr = Read(dir_ / "ink.jpg", Layout::kBgr);
+    const Picture grey = Read(dir_ / "ink.jpg", Layout::kGrey);
+    ASSERT_EQ(bgr.width, width);
+    for (int block = 0; block < count; ++block) {
+      const unsigned char* ink = inks[block];
+      const int rgb[3] = {Light(ink[0], ink[3]), Light(ink[1], ink[3]),
+                          Light(ink[2], ink[3])};
+      const size_t at = 4 * width + 8 * block + 4;
+      for (int c = 0; c < 3; ++c) {
+        EXPECT_NEAR(bgr.pixels[3 * at + c], rgb[2 - c], 3) << "block " << block;
+      }
+      EXPECT_NEAR(grey.pixels[at],
+                  0.299 * rgb[0] + 0.587 * rgb[1] + 0.114 * rgb[2], 3)
+          << "block " << block;
+    }
   }
 }
 
