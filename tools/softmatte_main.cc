@@ -32,13 +32,13 @@ constexpr int kSampleMaxBand = 12;
 constexpr double kSampleBandScale = 0.1;
 
 const char kUsage[] =
-    "usage: softmatte [demo] [-o DIR] [--verbose]\n"
+    "usage: softmatte [demo] [-o DIR] [--png-level N] [--verbose]\n"
     "       softmatte cutout PHOTO (--mask MASK | --trimap TRIMAP |"
     " --scribbles SCRIBBLES)\n"
     "                 [--work-size N] [--band MAX,SCALE]"
     " [--quality exact|fine]\n"
     "                 [--background IMAGE | --colour RRGGBB]\n"
-    "                 [-o DIR] [--verbose]\n";
+    "                 [--max-pixels N] [--png-level N] [-o DIR] [--verbose]\n";
 
 // Prints how long the tool's own stages (reading, writing) took to
 // standard error when enabled; the cut-out reports its stages itself.
@@ -82,6 +82,8 @@ struct Arguments {
   unsigned char colour[3] = {255, 255, 255};  // B, G, R
   std::string output = "softmatte-out";
   bool verbose = false;
+  long long max_pixels = kDefaultMaxPixels;
+  int png_level = kFastPngLevel;
   mat_cutout_options settings;
 };
 
@@ -160,11 +162,11 @@ bool Parse(int argc, char** argv, Arguments* args, Failure* failure) {
       args->photo = flag;
       continue;
     }
-    const bool takes_value = flag == "-o" || flag == "--work-size" ||
-                             flag == "--band" || flag == "--background" ||
-                             flag == "--colour" || flag == "--color" ||
-                             flag == "--mask" || flag == "--trimap" ||
-                             flag == "--scribbles" || flag == "--quality";
+    const bool takes_value =
+        flag == "-o" || flag == "--work-size" || flag == "--band" ||
+        flag == "--background" || flag == "--colour" || flag == "--color" ||
+        flag == "--mask" || flag == "--trimap" || flag == "--scribbles" ||
+        flag == "--quality" || flag == "--max-pixels" || flag == "--png-level";
     if (!takes_value) {
       *failure = Bad("unknown option '" + flag + "'");
       return false;
@@ -213,6 +215,23 @@ bool Parse(int argc, char** argv, Arguments* args, Failure* failure) {
         *failure = Bad("--quality needs exact or fine, not '" + value + "'");
         return false;
       }
+    } else if (flag == "--max-pixels") {
+      long n = 0;
+      if (!ParseInt(value, &n) || n < 1) {
+        *failure =
+            Bad("--max-pixels needs a whole number of at least 1, not '" +
+                value + "'");
+        return false;
+      }
+      args->max_pixels = n;
+    } else if (flag == "--png-level") {
+      long n = 0;
+      if (!ParseInt(value, &n) || n < 0 || n > 9) {
+        *failure = Bad("--png-level needs a whole number from 0 to 9, not '" +
+                       value + "'");
+        return false;
+      }
+      args->png_level = static_cast<int>(n);
     } else if (flag == "--background") {
       args->background = value;
     } else if (flag == "--colour" || flag == "--color") {
@@ -254,21 +273,30 @@ bool Parse(int argc, char** argv, Arguments* args, Failure* failure) {
 }
 
 // Where the bundled sample lives: installed beside the program's data, or
-// in the source tree of a build that was not installed.
+// in the source tree of a build that was not installed. The installed copy
+// is looked for from the program itself first, since the prefix may be
+// chosen only when installing.
 std::string SampleDir() {
   if (const char* dir = std::getenv("SOFTMATTE_SAMPLE_DIR")) return dir;
-  for (const char* dir :
-       {SOFTMATTE_INSTALLED_SAMPLE_DIR, SOFTMATTE_SOURCE_SAMPLE_DIR}) {
+  std::error_code error;
+  const fs::path program = fs::read_symlink("/proc/self/exe", error);
+  const fs::path beside =
+      error ? fs::path()
+            : program.parent_path() / SOFTMATTE_SAMPLE_DIR_FROM_PROGRAM;
+  for (const fs::path& dir : {beside, fs::path(SOFTMATTE_INSTALLED_SAMPLE_DIR),
+                              fs::path(SOFTMATTE_SOURCE_SAMPLE_DIR)}) {
     std::error_code ignored;
-    if (fs::exists(fs::path(dir) / "chelsea.png", ignored)) return dir;
+    if (!dir.empty() && fs::exists(dir / "chelsea.png", ignored)) {
+      return dir.lexically_normal().string();
+    }
   }
   return SOFTMATTE_SOURCE_SAMPLE_DIR;
 }
 
-bool Load(const std::string& path, Layout layout, Picture* picture,
-          Failure* failure) {
+bool Load(const std::string& path, Layout layout, long long max_pixels,
+          Picture* picture, Failure* failure) {
   std::string error;
-  if (ReadPicture(path, layout, picture, &error)) return true;
+  if (ReadPicture(path, layout, picture, &error, max_pixels)) return true;
   *failure = Bad(error);
   return false;
 }
@@ -314,7 +342,9 @@ int Run(int argc, char** argv) {
   Stage stage(args.verbose);
   stage.Start("reading inputs");
   Picture photo;
-  if (!Load(args.photo, Layout::kBgr, &photo, &failure)) return fail();
+  if (!Load(args.photo, Layout::kBgr, args.max_pixels, &photo, &failure)) {
+    return fail();
+  }
   const int width = photo.width;
   const int height = photo.height;
 
@@ -326,7 +356,8 @@ int Run(int argc, char** argv) {
   std::string no_subject;
   if (!args.scribbles.empty()) {
     Picture strokes;
-    if (!Load(args.scribbles, Layout::kBgra, &strokes, &failure) ||
+    if (!Load(args.scribbles, Layout::kBgra, args.max_pixels, &strokes,
+              &failure) ||
         !CheckSize(strokes, photo, "scribbles", args.scribbles, &failure)) {
       return fail();
     }
@@ -347,7 +378,7 @@ int Run(int argc, char** argv) {
     const std::string& path = trimap ? args.trimap : args.mask;
     const char* what = trimap ? "trimap" : "mask";
     Picture given;
-    if (!Load(path, Layout::kGrey, &given, &failure) ||
+    if (!Load(path, Layout::kGrey, args.max_pixels, &given, &failure) ||
         !CheckSize(given, photo, what, path, &failure)) {
       return fail();
     }
@@ -363,7 +394,10 @@ int Run(int argc, char** argv) {
   if (!args.background.empty()) {
     // Checked before the long solve, so that a broken file fails at once.
     Picture given;
-    if (!Load(args.background, Layout::kBgr, &given, &failure)) return fail();
+    if (!Load(args.background, Layout::kBgr, args.max_pixels, &given,
+              &failure)) {
+      return fail();
+    }
   }
 
   const fs::path folder(args.output);
@@ -411,7 +445,10 @@ int Run(int argc, char** argv) {
   std::vector<unsigned char> backdrop(colours.size());
   if (!args.background.empty()) {
     Picture given;
-    if (!Load(args.background, Layout::kBgr, &given, &failure)) return fail();
+    if (!Load(args.background, Layout::kBgr, args.max_pixels, &given,
+              &failure)) {
+      return fail();
+    }
     // Stretched to the photo: a backdrop rarely has the photo's exact size.
     ff::ipf_resize_bl<unsigned char, unsigned char>(
         given.pixels.data(), given.width, given.height, 3 * given.width, 3,
@@ -430,13 +467,14 @@ int Run(int argc, char** argv) {
     return kCannotWrite;
   }
   std::string error;
+  const PngCompression png = PngCompressionForLevel(args.png_level);
   Picture out;
   out.width = width;
   out.height = height;
   out.channels = 1;
   out.pixels.swap(alpha);
   if (!WritePngAtomically((folder / names[0]).string(), out, Layout::kGrey,
-                          &error)) {
+                          &error, png)) {
     std::fprintf(stderr, "softmatte: %s\n", error.c_str());
     return kCannotWrite;
   }
@@ -447,7 +485,7 @@ int Run(int argc, char** argv) {
   out.channels = 3;
   out.pixels.swap(backdrop);
   if (!WritePngAtomically((folder / names[2]).string(), out, Layout::kBgr,
-                          &error)) {
+                          &error, png)) {
     std::fprintf(stderr, "softmatte: %s\n", error.c_str());
     return kCannotWrite;
   }
@@ -461,7 +499,7 @@ int Run(int argc, char** argv) {
   }
   std::vector<unsigned char>().swap(colours);
   if (!WritePngAtomically((folder / names[1]).string(), out, Layout::kBgra,
-                          &error)) {
+                          &error, png)) {
     std::fprintf(stderr, "softmatte: %s\n", error.c_str());
     return kCannotWrite;
   }
