@@ -14,7 +14,8 @@
 //       [--photos 1-27] [--per-photo]
 //
 // Every list option is one axis of the grid. Family names: truth, xN
-// (blocky, reduced N times), inN / outN (edge moved N pixels).
+// (blocky, reduced N times), nxN (blocky with stray blocks and pinholes),
+// inN / outN (edge moved N pixels).
 
 #include <cstdio>
 #include <cstdlib>
@@ -52,6 +53,9 @@ std::vector<unsigned char> FamilyMask(const std::string& family,
   const int w = sample.truth.width;
   const int h = sample.truth.height;
   if (family == "truth") return softmatte_test::MovedEdgeMask(truth, w, h, 0);
+  if (family.size() > 2 && family[0] == 'n' && family[1] == 'x') {
+    return softmatte_test::NoisyBlockyMask(truth, w, h, std::atoi(&family[2]));
+  }
   if (family.size() > 1 && family[0] == 'x') {
     return softmatte_test::BlockyMask(truth, w, h, std::atoi(&family[1]));
   }

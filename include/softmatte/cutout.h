@@ -46,15 +46,18 @@ struct mat_cutout_options {
   int contrast_step = 3;
   int contrast_low = 5;
   int contrast_high = 50;
-  // Masks: 1 drops loose pieces of the mask and fills pinholes where the
-  // photo says they do not belong (see the README); 0 keeps the mask as it
-  // is.
+  // Masks: small loose pieces of the subject are dropped, and small holes in
+  // it filled, when their mean colour differs from what surrounds them by
+  // less than loose_blocks levels in every channel (the photo shows no edge
+  // there); 0 keeps the mask as it is.
   int loose_blocks = 0;
-  // Masks: 1 widens the band where the mask's edge is coarse (a low
-  // resolution segmentation enlarged), 0 keeps max_band everywhere.
+  // Masks: a coarse mask (a low-resolution segmentation enlarged) gets a
+  // band as wide as the typical straight run of its edge, up to coarse_band
+  // pixels, when that is wider than max_band; 0 keeps max_band.
   int coarse_band = 0;
-  // Cleanup: the matte's boundary is smoothed over this window, then only
-  // the keep_fragments largest pieces of the subject are kept (0: all).
+  // Cleanup: the matte's boundary is smoothed over this window (0: not at
+  // all), then only the keep_fragments largest pieces of the subject are
+  // kept (0: all).
   int smooth_window = 3;
   int keep_fragments = 0;
   // The solve (exact or fine, regulariser).

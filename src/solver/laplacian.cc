@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -177,6 +178,21 @@ void Dilate(const unsigned char* src, unsigned char* dst, int width, int height,
   }
 }
 
+// As Dilate, but border pixels spread too, clipped to the rectangle.
+void DilateClipped(const unsigned char* src, unsigned char* dst, int width,
+                   int height, unsigned char value) {
+  for (int y = 0; y < height; ++y) {
+    for (int x = 0; x < width; ++x) {
+      if (src[y * width + x] == 0) continue;
+      for (int v = std::max(y - 1, 0); v <= std::min(y + 1, height - 1); ++v) {
+        for (int u = std::max(x - 1, 0); u <= std::min(x + 1, width - 1); ++u) {
+          dst[v * width + u] = value;
+        }
+      }
+    }
+  }
+}
+
 // Row p of a previous problem describes the same couplings as a new row
 // when it has as many entries and the same neighbours in the same order.
 // Full rows (13) and diagonal-only rows have no choice of neighbours left.
@@ -241,9 +257,12 @@ void Assemble(const unsigned char* image, int width, int height, int stride,
   for (size_t i = 0; i < area; ++i) labels[i] = ring1[i] ? kUnknown : kOutside;
   // labels still mark exactly the mask, so the first ring grows from them
   // into ring1, which starts as the mask's copy.
-  Dilate(labels, ring1, rw, rh, kFirstRing);
+  // With both rings in the system every pixel that shares a window with an
+  // unknown one must be in it, those on the image's edge included.
+  const auto dilate = secondRing ? DilateClipped : Dilate;
+  dilate(labels, ring1, rw, rh, kFirstRing);
   std::memcpy(ring2, ring1, area);
-  Dilate(ring1, ring2, rw, rh, kSecondRing);
+  dilate(ring1, ring2, rw, rh, kSecondRing);
   int n = 0;
   for (size_t i = 0; i < area; ++i) {
     if (labels[i] == kOutside && ring1[i] != 0) {

@@ -161,6 +161,45 @@ std::vector<unsigned char> BlockyMask(const std::vector<unsigned char>& truth,
   return mask;
 }
 
+std::vector<unsigned char> NoisyBlockyMask(
+    const std::vector<unsigned char>& truth, int width, int height,
+    int factor) {
+  std::vector<unsigned char> mask = BlockyMask(truth, width, height, factor);
+  const int lowWidth = (width + factor - 1) / factor;
+  const int lowHeight = (height + factor - 1) / factor;
+  auto block = [&](int u, int v) {
+    return mask[static_cast<size_t>(v * factor) * width + u * factor] != 0;
+  };
+  std::vector<unsigned char> flip(static_cast<size_t>(lowWidth) * lowHeight);
+  std::mt19937 rng(static_cast<uint32_t>(width * 7919 + height));
+  for (int v = 0; v < lowHeight; ++v) {
+    for (int u = 0; u < lowWidth; ++u) {
+      int near = 0, inside = 0;
+      for (int dv = -2; dv <= 2; ++dv) {
+        for (int du = -2; du <= 2; ++du) {
+          const int uu = u + du, vv = v + dv;
+          if (uu < 0 || vv < 0 || uu >= lowWidth || vv >= lowHeight) continue;
+          const bool s = block(uu, vv);
+          near += s;
+          inside += s && std::abs(du) <= 1 && std::abs(dv) <= 1;
+        }
+      }
+      const unsigned roll = rng() % 1000;
+      flip[static_cast<size_t>(v) * lowWidth + u] =
+          block(u, v) ? inside == 9 && roll < 20 : near > 0 && roll < 50;
+    }
+  }
+  for (int y = 0; y < height; ++y) {
+    for (int x = 0; x < width; ++x) {
+      if (flip[static_cast<size_t>(y / factor) * lowWidth + x / factor]) {
+        unsigned char& m = mask[static_cast<size_t>(y) * width + x];
+        m = m ? 0 : 255;
+      }
+    }
+  }
+  return mask;
+}
+
 std::vector<unsigned char> MovedEdgeMask(const std::vector<unsigned char>& truth,
                                          int width, int height, int shift) {
   // Squared distance of every pixel to the nearest pixel of the other side:
