@@ -1,18 +1,19 @@
 #include "solver/fine_solve.h"
 
+#include <algorithm>
 #include <cmath>
 #include <numeric>
 #include <vector>
 
+#include "solver/supernodal_ldlt.h"
+
 // Only the MPL-2.0 parts of Eigen: the library ships inside applications.
 #define EIGEN_MPL2_ONLY
 #include <Eigen/OrderingMethods>
-#include <Eigen/SparseCholesky>
 #include <Eigen/SparseCore>
 
 namespace {
 
-using SparseMatrix = Eigen::SparseMatrix<double, Eigen::ColMajor, int>;
 using Permutation =
     Eigen::PermutationMatrix<Eigen::Dynamic, Eigen::Dynamic, int>;
 
@@ -119,22 +120,18 @@ int SolvePinned(const mat_data& problem, const double* pinned, double* x) {
   if (!EveryGroupAnchored(r, anchored)) return -1;
 
   // The factorisation takes the matrix already permuted, upper triangle by
-  // columns, and then works on it in place without a copy of its own.
+  // columns.
   const std::vector<int> order = MinimumDegreeOrder(r);
   std::vector<int> position(r.size);
   for (int i = 0; i < r.size; ++i) position[order[i]] = i;
-  SparseMatrix a(r.size, r.size);
-  int* colStart = a.outerIndexPtr();
-  std::vector<int> count(r.size, 1);
+  std::vector<int> colStart(r.size + 1, 0);
   for (size_t e = 0; e < r.first.size(); ++e) {
-    ++count[std::max(position[r.first[e]], position[r.second[e]])];
+    ++colStart[std::max(position[r.first[e]], position[r.second[e]]) + 1];
   }
-  colStart[0] = 0;
-  for (int i = 0; i < r.size; ++i) colStart[i + 1] = colStart[i] + count[i];
-  a.resizeNonZeros(colStart[r.size]);
-  int* rowIndex = a.innerIndexPtr();
-  double* value = a.valuePtr();
-  std::vector<int> fill(colStart, colStart + r.size);
+  for (int i = 0; i < r.size; ++i) colStart[i + 1] += colStart[i] + 1;
+  std::vector<int> rowIndex(colStart[r.size]);
+  std::vector<double> value(colStart[r.size]);
+  std::vector<int> fill(colStart.begin(), colStart.end() - 1);
   for (int f = 0; f < r.size; ++f) {
     const int p = position[f];
     rowIndex[fill[p]] = p;
@@ -151,12 +148,12 @@ int SolvePinned(const mat_data& problem, const double* pinned, double* x) {
   r.second = {};
   r.coupling = {};
 
-  Eigen::SimplicialLDLT<SparseMatrix, Eigen::Upper, Eigen::NaturalOrdering<int>>
-      ldlt(a);
-  if (ldlt.info() != Eigen::Success) return -1;
-  Eigen::VectorXd permuted(r.size);
-  for (int f = 0; f < r.size; ++f) permuted[position[f]] = r.rhs[f];
-  const Eigen::VectorXd solution = ldlt.solve(permuted);
+  SupernodalLdlt ldlt;
+  ldlt.Analyze(r.size, colStart.data(), rowIndex.data());
+  if (!ldlt.Factorize(value.data())) return -1;
+  std::vector<double> solution(r.size);
+  for (int f = 0; f < r.size; ++f) solution[position[f]] = r.rhs[f];
+  ldlt.Solve(solution.data());
   for (int k = 0; k < n; ++k) {
     const int f = r.freeIndex[k];
     x[k] = f >= 0 ? solution[position[f]] : pinned[k];
