@@ -217,6 +217,8 @@ void SupernodalLdlt::Analyze(int n, const int* colStart, const int* rowIndex) {
     }
   }
   const std::vector<int> count = ColumnCounts(parent, lowerStart_, lowerRow_);
+  nonZeros_ = 0;
+  for (int j = 0; j < n; ++j) nonZeros_ += count[j];
 
   // Fundamental supernodes: j + 1 continues j's supernode when it is j's
   // parent, j is its only child and L(:, j) is L(:, j + 1) plus row j.

@@ -24,12 +24,15 @@ class SupernodalLdlt {
 
   int Size() const { return n_; }
   int SupernodeCount() const { return static_cast<int>(first_.size()) - 1; }
-  // Entries of L on and below the diagonal, counting the explicit zeros that
-  // merging supernodes adds.
+  // Entries of L, diagonal included, that elimination fills in.
+  std::size_t NonZeros() const { return nonZeros_; }
+  // Entries of L on and below the diagonal as stored: NonZeros() plus the
+  // explicit zeros that merging supernodes adds.
   std::size_t FactorEntries() const;
 
  private:
   int n_ = 0;
+  std::size_t nonZeros_ = 0;
   // Internal column (the caller's order, postordered) of each caller column.
   std::vector<int> position_;
   // The permuted lower triangle by columns; each entry remembers which of
