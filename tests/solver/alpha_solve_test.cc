@@ -237,51 +237,66 @@ TEST(MatRun, MatchesDenseSolveWithPinnedKnownsAndRing) {
 // The fine solve holds known pixels and open ring pixels exactly at their
 // values: the free unknowns get what a dense solve of their own rows gives,
 // with the pinned ones moved to the right-hand side.
+void ExpectFineMatchesDenseSolve(mat_data& problem,
+                                 const std::vector<unsigned char>& trimap,
+                                 const std::vector<unsigned char>& alpha) {
+  const int n = problem.n;
+  const std::vector<std::vector<double>> a = DenseMatrix(problem);
+  std::vector<double> pinned(n, std::nan(""));
+  std::vector<int> free;
+  for (int k = 0; k < n; ++k) {
+    const int p = problem.pixelOf != nullptr ? problem.pixelOf[k] : k;
+    if (trimap[p] != kUnknown) {
+      pinned[k] = trimap[p] / 255.0;
+    } else if (problem.flags != nullptr && problem.flags[k] == 1) {
+      pinned[k] = alpha[p] / 255.0;
+    } else {
+      free.push_back(k);
+    }
+  }
+  const size_t m = free.size();
+  std::vector<std::vector<double>> reduced(m, std::vector<double>(m));
+  std::vector<double> rhs(m, 0.0);
+  for (size_t i = 0; i < m; ++i) {
+    for (size_t j = 0; j < m; ++j) reduced[i][j] = a[free[i]][free[j]];
+    for (int k = 0; k < n; ++k) {
+      if (!std::isnan(pinned[k])) rhs[i] -= a[free[i]][k] * pinned[k];
+    }
+  }
+  const std::vector<double> want = DenseSolve(reduced, rhs);
+
+  mat_options options;
+  options.solver = MAT_SOLVER_FINE;
+  std::vector<double> x(n);
+  ASSERT_EQ(mat_solve(problem, trimap.data(), alpha.data(), x.data(), options),
+            0);
+  for (int k = 0; k < n; ++k) {
+    if (!std::isnan(pinned[k])) {
+      EXPECT_EQ(x[k], pinned[k]) << "unknown " << k;
+    }
+  }
+  for (size_t i = 0; i < m; ++i) {
+    EXPECT_NEAR(x[free[i]], want[i], 1e-9) << "unknown " << free[i];
+  }
+}
+
 TEST(MatSolve, FineMatchesDenseSolveOfTheFreeUnknowns) {
   mat_options options;
   options.solver = MAT_SOLVER_FINE;
   for (uint32_t seed : {4u, 5u}) {
+    // A band with pixel positions, whose ordering works on pixel blocks.
     Band b(41 + 2 * static_cast<int>(seed), 29, seed, &options);
-    const std::vector<unsigned char> trimap = MakeTrimap(b, seed + 10);
-    const std::vector<unsigned char> alpha =
-        RandomPlane(b.width, b.height, b.width, seed + 20);
-    const int n = b.problem.n;
-    const std::vector<std::vector<double>> a = DenseMatrix(b.problem);
-    std::vector<double> pinned(n, std::nan(""));
-    std::vector<int> free;
-    for (int k = 0; k < n; ++k) {
-      const int p = b.problem.pixelOf[k];
-      if (trimap[p] != kUnknown) {
-        pinned[k] = trimap[p] / 255.0;
-      } else if (b.problem.flags[k] == 1) {
-        pinned[k] = alpha[p] / 255.0;
-      } else {
-        free.push_back(k);
-      }
-    }
-    const size_t m = free.size();
-    std::vector<std::vector<double>> reduced(m, std::vector<double>(m));
-    std::vector<double> rhs(m, 0.0);
-    for (size_t i = 0; i < m; ++i) {
-      for (size_t j = 0; j < m; ++j) reduced[i][j] = a[free[i]][free[j]];
-      for (int k = 0; k < n; ++k) {
-        if (!std::isnan(pinned[k])) rhs[i] -= a[free[i]][k] * pinned[k];
-      }
-    }
-    const std::vector<double> want = DenseSolve(reduced, rhs);
-
-    std::vector<double> x(n);
-    ASSERT_EQ(
-        mat_solve(b.problem, trimap.data(), alpha.data(), x.data(), options),
-        0);
-    for (int k = 0; k < n; ++k) {
-      if (!std::isnan(pinned[k])) {
-        EXPECT_EQ(x[k], pinned[k]) << "unknown " << k;
-      }
-    }
-    for (size_t i = 0; i < m; ++i) {
-      EXPECT_NEAR(x[free[i]], want[i], 1e-9) << "unknown " << free[i];
-    }
+    ExpectFineMatchesDenseSolve(
+        b.problem, MakeTrimap(b, seed + 10),
+        RandomPlane(b.width, b.height, b.width, seed + 20));
+    // A whole-image problem, without them.
+    const int w = 15 + static_cast<int>(seed), h = 13;
+    mat_data whole;
+    mat_init(RandomPlane(3 * w, h, 3 * w, seed).data(), w, h, 3 * w, whole,
+             nullptr);
+    std::vector<unsigned char> trimap = RandomPlane(w, h, w, seed + 30);
+    for (unsigned char& t : trimap) t = t % 3 == 0 ? t : kUnknown;
+    ExpectFineMatchesDenseSolve(whole, trimap, RandomPlane(w, h, w, seed + 40));
   }
 }
 
