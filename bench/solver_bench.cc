@@ -218,8 +218,9 @@ BENCHMARK(BM_memcpy_triangle)
 
 // The system the fine solve factorises on a photo: the trimap's undecided
 // pixels coupled among themselves (the known ones only move to the
-// right-hand side), upper triangle in 0-based compressed columns, in the
-// same minimum-degree order.
+// right-hand side), upper triangle in 0-based compressed columns, in
+// approximate minimum-degree order of the pixels (the fine solve orders
+// 2 x 2 pixel blocks, with a little less fill).
 using SparseMatrix = Eigen::SparseMatrix<double, Eigen::ColMajor, int>;
 
 SparseMatrix* LoadBand(int index) {
