@@ -1,6 +1,6 @@
 // The alpha solver on real photos at full resolution, with their trimaps:
-// assembly (mat_update), the whole solve (mat_run), and the parts of the
-// solve that are ours rather than SuperLU's.
+// assembly (mat_update), the whole solve (mat_run), the parts of the solve
+// that are ours rather than SuperLU's, and the fine solve's factorisation.
 #include <benchmark/benchmark.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -16,7 +16,14 @@
 
 #include "softmatte/solver.h"
 #include "solver/sparse_expand.h"
+#include "solver/supernodal_ldlt.h"
 #include "test_util.h"
+
+// Only the MPL-2.0 parts of Eigen, as in the library.
+#define EIGEN_MPL2_ONLY
+#include <Eigen/OrderingMethods>
+#include <Eigen/SparseCholesky>
+#include <Eigen/SparseCore>
 
 namespace {
 
@@ -207,6 +214,92 @@ void BM_memcpy_triangle(benchmark::State& state) {
 BENCHMARK(BM_memcpy_triangle)
     ->ArgName("photo")
     ->ArgsProduct({kPhotos})
+    ->Unit(benchmark::kMillisecond);
+
+// The system the fine solve factorises on a photo: the trimap's undecided
+// pixels coupled among themselves (the known ones only move to the
+// right-hand side), upper triangle in 0-based compressed columns, in
+// approximate minimum-degree order of the pixels (the fine solve orders
+// 2 x 2 pixel blocks, with a little less fill).
+using SparseMatrix = Eigen::SparseMatrix<double, Eigen::ColMajor, int>;
+
+SparseMatrix* LoadBand(int index) {
+  static std::map<int, std::unique_ptr<SparseMatrix>> cache;
+  auto it = cache.find(index);
+  if (it != cache.end()) return it->second.get();
+  MattingSample sample;
+  if (!LoadMattingSample(index, false, &sample)) return nullptr;
+  const std::vector<unsigned char>& trimap = sample.trimap.pixels;
+  const std::vector<unsigned char> mask = UnknownMask(trimap);
+  mat_options options;
+  options.solver = MAT_SOLVER_FINE;
+  mat_data problem;
+  const int w = sample.image.width;
+  mat_update(sample.image.pixels.data(), w, sample.image.height, 3 * w,
+             mask.data(), w, problem, options);
+  std::vector<int> freeIndex(problem.n, -1);
+  int n = 0;
+  for (int k = 0; k < problem.n; ++k) {
+    if (trimap[problem.pixelOf[k]] == kUnknown) freeIndex[k] = n++;
+  }
+  std::vector<Eigen::Triplet<double>> entries;
+  for (int k = 0; k < problem.n; ++k) {
+    const int fk = freeIndex[k];
+    if (fk < 0) continue;
+    for (int e = problem.rowStart[k] - 1; e < problem.rowStart[k + 1] - 1;
+         ++e) {
+      const int fc = freeIndex[problem.columns[e] - 1];
+      if (fc >= 0) entries.emplace_back(fk, fc, problem.values[e]);
+    }
+  }
+  SparseMatrix upper(n, n);
+  upper.setFromTriplets(entries.begin(), entries.end());
+  const SparseMatrix full = upper.selfadjointView<Eigen::Upper>();
+  Eigen::SparseMatrix<float, Eigen::ColMajor, int> pattern = full.cast<float>();
+  Eigen::PermutationMatrix<Eigen::Dynamic, Eigen::Dynamic, int> order;
+  Eigen::internal::minimum_degree_ordering(pattern, order);
+  auto band = std::make_unique<SparseMatrix>(n, n);
+  band->selfadjointView<Eigen::Upper>() =
+      upper.selfadjointView<Eigen::Upper>().twistedBy(order.inverse());
+  band->makeCompressed();
+  return cache.emplace(index, std::move(band)).first->second.get();
+}
+
+// Analysis and factorisation of a photo's band, as each fine solve does
+// them, fresh memory included: the supernodal factorisation (1) against
+// Eigen's simplicial LDL^T (0) on the same matrix, the ratio to watch.
+void BM_fine_factorise(benchmark::State& state) {
+  const SparseMatrix* band = LoadBand(static_cast<int>(state.range(0)));
+  if (band == nullptr) {
+    state.SkipWithError("alphamatting photos not found beside the project");
+    return;
+  }
+  const int n = static_cast<int>(band->rows());
+  double entries = 0.0;
+  if (state.range(1) != 0) {
+    for (auto _ : state) {
+      SupernodalLdlt ldlt;
+      ldlt.Analyze(n, band->outerIndexPtr(), band->innerIndexPtr());
+      benchmark::DoNotOptimize(ldlt.Factorize(band->valuePtr()));
+      entries = static_cast<double>(ldlt.FactorEntries());
+    }
+  } else {
+    for (auto _ : state) {
+      Eigen::SimplicialLDLT<SparseMatrix, Eigen::Upper,
+                            Eigen::NaturalOrdering<int>>
+          ldlt(*band);
+      benchmark::DoNotOptimize(ldlt.info());
+      entries =
+          static_cast<double>(ldlt.matrixL().nestedExpression().nonZeros() + n);
+    }
+  }
+  state.counters["unknowns"] = n;
+  state.counters["factor_entries"] = entries;
+}
+// GT01 and GT03: 38.6k and 121k undecided pixels.
+BENCHMARK(BM_fine_factorise)
+    ->ArgNames({"photo", "supernodal"})
+    ->ArgsProduct({{1, 3}, {0, 1}})
     ->Unit(benchmark::kMillisecond);
 
 // All 27 photos of the set, once: mean SAD over the trimaps' unknown pixels

@@ -1,18 +1,19 @@
 #include "solver/fine_solve.h"
 
+#include <algorithm>
 #include <cmath>
 #include <numeric>
 #include <vector>
 
+#include "solver/supernodal_ldlt.h"
+
 // Only the MPL-2.0 parts of Eigen: the library ships inside applications.
 #define EIGEN_MPL2_ONLY
 #include <Eigen/OrderingMethods>
-#include <Eigen/SparseCholesky>
 #include <Eigen/SparseCore>
 
 namespace {
 
-using SparseMatrix = Eigen::SparseMatrix<double, Eigen::ColMajor, int>;
 using Permutation =
     Eigen::PermutationMatrix<Eigen::Dynamic, Eigen::Dynamic, int>;
 
@@ -52,29 +53,91 @@ bool EveryGroupAnchored(const Reduced& r, const std::vector<char>& anchored) {
   return true;
 }
 
-// Approximate minimum degree of the free system: position -> free number.
-std::vector<int> MinimumDegreeOrder(const Reduced& r) {
-  std::vector<int> count(r.size + 1, 1);  // the diagonal
-  for (size_t e = 0; e < r.first.size(); ++e) {
-    ++count[r.first[e]];
-    ++count[r.second[e]];
+// The 2 x 2 pixel block of each free unknown, numbered from 0; returns the
+// number of blocks. Without pixel positions (a whole-image problem) every
+// unknown is a block of its own.
+int PixelBlocks(const mat_data& problem, const Reduced& r,
+                std::vector<int>& block) {
+  block.resize(r.size);
+  if (problem.pixelOf == nullptr || problem.width < 1) {
+    std::iota(block.begin(), block.end(), 0);
+    return r.size;
   }
-  Eigen::SparseMatrix<float, Eigen::ColMajor, int> pattern(r.size, r.size);
+  const long across = (problem.width + 1) / 2;
+  std::vector<std::pair<long, int>> keyed;
+  keyed.reserve(r.size);
+  for (int k = 0; k < problem.n; ++k) {
+    if (r.freeIndex[k] < 0) continue;
+    const long p = problem.pixelOf[k];
+    keyed.push_back({p / problem.width / 2 * across + p % problem.width / 2,
+                     r.freeIndex[k]});
+  }
+  std::sort(keyed.begin(), keyed.end());
+  int blocks = 0;
+  for (size_t i = 0; i < keyed.size(); ++i) {
+    if (i > 0 && keyed[i].first != keyed[i - 1].first) ++blocks;
+    block[keyed[i].second] = blocks;
+  }
+  return blocks + 1;
+}
+
+// Approximate minimum degree of the free system, computed on the graph of
+// its 2 x 2 pixel blocks, each block's unknowns kept together: position ->
+// free number. Pixels of a block share nearly all neighbours under 3 x 3
+// windows, so eliminating them together costs no more fill, and the graph a
+// quarter the size is ordered about ten times faster; the blocks' columns
+// then also make wider supernodes.
+std::vector<int> MinimumDegreeOrder(const mat_data& problem, const Reduced& r) {
+  std::vector<int> block;
+  const int blocks = PixelBlocks(problem, r, block);
+  std::vector<int> count(blocks + 1, 1);  // the diagonal
+  for (size_t e = 0; e < r.first.size(); ++e) {
+    const int a = block[r.first[e]];
+    const int b = block[r.second[e]];
+    if (a == b) continue;
+    ++count[a];
+    ++count[b];
+  }
+  Eigen::SparseMatrix<float, Eigen::ColMajor, int> pattern(blocks, blocks);
   int* start = pattern.outerIndexPtr();
   start[0] = 0;
-  for (int f = 0; f < r.size; ++f) start[f + 1] = start[f] + count[f];
-  pattern.resizeNonZeros(start[r.size]);
+  for (int g = 0; g < blocks; ++g) start[g + 1] = start[g] + count[g];
+  pattern.resizeNonZeros(start[blocks]);
   int* row = pattern.innerIndexPtr();
-  std::vector<int> fill(start, start + r.size);
-  for (int f = 0; f < r.size; ++f) row[fill[f]++] = f;
+  std::vector<int> fill(start, start + blocks);
+  for (int g = 0; g < blocks; ++g) row[fill[g]++] = g;
   for (size_t e = 0; e < r.first.size(); ++e) {
-    row[fill[r.first[e]]++] = r.second[e];
-    row[fill[r.second[e]]++] = r.first[e];
+    const int a = block[r.first[e]];
+    const int b = block[r.second[e]];
+    if (a == b) continue;
+    row[fill[a]++] = b;
+    row[fill[b]++] = a;
   }
-  Permutation order;
-  Eigen::internal::minimum_degree_ordering(pattern, order);
-  return std::vector<int>(order.indices().data(),
-                          order.indices().data() + r.size);
+  // Two blocks are coupled through several pixel pairs: one entry each.
+  std::vector<int> seen(blocks, -1);
+  int kept = 0;
+  for (int g = 0; g < blocks; ++g) {
+    const int begin = start[g];
+    start[g] = kept;
+    for (int k = begin; k < fill[g]; ++k) {
+      if (seen[row[k]] == g) continue;
+      seen[row[k]] = g;
+      row[kept++] = row[k];
+    }
+  }
+  start[blocks] = kept;
+  pattern.resizeNonZeros(kept);
+  Permutation blockOrder;
+  Eigen::internal::minimum_degree_ordering(pattern, blockOrder);
+
+  std::vector<int> blockPosition(blocks);
+  for (int i = 0; i < blocks; ++i) blockPosition[blockOrder.indices()[i]] = i;
+  std::vector<int> next(blocks + 1, 0);
+  for (int f = 0; f < r.size; ++f) ++next[blockPosition[block[f]] + 1];
+  for (int i = 0; i < blocks; ++i) next[i + 1] += next[i];
+  std::vector<int> order(r.size);
+  for (int f = 0; f < r.size; ++f) order[next[blockPosition[block[f]]]++] = f;
+  return order;
 }
 
 }  // namespace
@@ -119,22 +182,18 @@ int SolvePinned(const mat_data& problem, const double* pinned, double* x) {
   if (!EveryGroupAnchored(r, anchored)) return -1;
 
   // The factorisation takes the matrix already permuted, upper triangle by
-  // columns, and then works on it in place without a copy of its own.
-  const std::vector<int> order = MinimumDegreeOrder(r);
+  // columns.
+  const std::vector<int> order = MinimumDegreeOrder(problem, r);
   std::vector<int> position(r.size);
   for (int i = 0; i < r.size; ++i) position[order[i]] = i;
-  SparseMatrix a(r.size, r.size);
-  int* colStart = a.outerIndexPtr();
-  std::vector<int> count(r.size, 1);
+  std::vector<int> colStart(r.size + 1, 0);
   for (size_t e = 0; e < r.first.size(); ++e) {
-    ++count[std::max(position[r.first[e]], position[r.second[e]])];
+    ++colStart[std::max(position[r.first[e]], position[r.second[e]]) + 1];
   }
-  colStart[0] = 0;
-  for (int i = 0; i < r.size; ++i) colStart[i + 1] = colStart[i] + count[i];
-  a.resizeNonZeros(colStart[r.size]);
-  int* rowIndex = a.innerIndexPtr();
-  double* value = a.valuePtr();
-  std::vector<int> fill(colStart, colStart + r.size);
+  for (int i = 0; i < r.size; ++i) colStart[i + 1] += colStart[i] + 1;
+  std::vector<int> rowIndex(colStart[r.size]);
+  std::vector<double> value(colStart[r.size]);
+  std::vector<int> fill(colStart.begin(), colStart.end() - 1);
   for (int f = 0; f < r.size; ++f) {
     const int p = position[f];
     rowIndex[fill[p]] = p;
@@ -151,12 +210,12 @@ int SolvePinned(const mat_data& problem, const double* pinned, double* x) {
   r.second = {};
   r.coupling = {};
 
-  Eigen::SimplicialLDLT<SparseMatrix, Eigen::Upper, Eigen::NaturalOrdering<int>>
-      ldlt(a);
-  if (ldlt.info() != Eigen::Success) return -1;
-  Eigen::VectorXd permuted(r.size);
-  for (int f = 0; f < r.size; ++f) permuted[position[f]] = r.rhs[f];
-  const Eigen::VectorXd solution = ldlt.solve(permuted);
+  SupernodalLdlt ldlt;
+  ldlt.Analyze(r.size, colStart.data(), rowIndex.data());
+  if (!ldlt.Factorize(value.data())) return -1;
+  std::vector<double> solution(r.size);
+  for (int f = 0; f < r.size; ++f) solution[position[f]] = r.rhs[f];
+  ldlt.Solve(solution.data());
   for (int k = 0; k < n; ++k) {
     const int f = r.freeIndex[k];
     x[k] = f >= 0 ? solution[position[f]] : pinned[k];

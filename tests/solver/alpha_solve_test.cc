@@ -135,16 +135,23 @@ TEST(MatRun, RoundsWhereMaskedSolveTruncates) {
   EXPECT_EQ(alpha[0], 7);
 }
 
-// A matting problem over a random image, built the way the session does.
+// A matting problem over a random image, built the way the session does, or
+// for the given solve.
 struct Band {
-  Band(int w, int h, uint32_t seed) : width(w), height(h), mask(w * h, 0) {
+  Band(int w, int h, uint32_t seed, const mat_options* options = nullptr)
+      : width(w), height(h), mask(w * h, 0) {
     const std::vector<unsigned char> image =
         RandomPlane(3 * w, h, 3 * w + 1, seed);
     for (int y = h / 4; y < h * 3 / 4; ++y) {
       for (int x = w / 3; x < w * 2 / 3 + y % 3; ++x) mask[y * w + x] = 255;
     }
-    mat_update(image.data(), w, h, 3 * w + 1, mask.data(), w, problem, problem,
-               nullptr);
+    if (options != nullptr) {
+      mat_update(image.data(), w, h, 3 * w + 1, mask.data(), w, problem,
+                 *options);
+    } else {
+      mat_update(image.data(), w, h, 3 * w + 1, mask.data(), w, problem,
+                 problem, nullptr);
+    }
   }
   int width, height;
   std::vector<unsigned char> mask;
@@ -224,6 +231,72 @@ TEST(MatRun, MatchesDenseSolveWithPinnedKnownsAndRing) {
     std::vector<unsigned char> again = before;
     ASSERT_EQ(mat_run(b.problem, trimap.data(), again.data(), nullptr), 0);
     EXPECT_EQ(again, alpha);
+  }
+}
+
+// The fine solve holds known pixels and open ring pixels exactly at their
+// values: the free unknowns get what a dense solve of their own rows gives,
+// with the pinned ones moved to the right-hand side.
+void ExpectFineMatchesDenseSolve(mat_data& problem,
+                                 const std::vector<unsigned char>& trimap,
+                                 const std::vector<unsigned char>& alpha) {
+  const int n = problem.n;
+  const std::vector<std::vector<double>> a = DenseMatrix(problem);
+  std::vector<double> pinned(n, std::nan(""));
+  std::vector<int> free;
+  for (int k = 0; k < n; ++k) {
+    const int p = problem.pixelOf != nullptr ? problem.pixelOf[k] : k;
+    if (trimap[p] != kUnknown) {
+      pinned[k] = trimap[p] / 255.0;
+    } else if (problem.flags != nullptr && problem.flags[k] == 1) {
+      pinned[k] = alpha[p] / 255.0;
+    } else {
+      free.push_back(k);
+    }
+  }
+  const size_t m = free.size();
+  std::vector<std::vector<double>> reduced(m, std::vector<double>(m));
+  std::vector<double> rhs(m, 0.0);
+  for (size_t i = 0; i < m; ++i) {
+    for (size_t j = 0; j < m; ++j) reduced[i][j] = a[free[i]][free[j]];
+    for (int k = 0; k < n; ++k) {
+      if (!std::isnan(pinned[k])) rhs[i] -= a[free[i]][k] * pinned[k];
+    }
+  }
+  const std::vector<double> want = DenseSolve(reduced, rhs);
+
+  mat_options options;
+  options.solver = MAT_SOLVER_FINE;
+  std::vector<double> x(n);
+  ASSERT_EQ(mat_solve(problem, trimap.data(), alpha.data(), x.data(), options),
+            0);
+  for (int k = 0; k < n; ++k) {
+    if (!std::isnan(pinned[k])) {
+      EXPECT_EQ(x[k], pinned[k]) << "unknown " << k;
+    }
+  }
+  for (size_t i = 0; i < m; ++i) {
+    EXPECT_NEAR(x[free[i]], want[i], 1e-9) << "unknown " << free[i];
+  }
+}
+
+TEST(MatSolve, FineMatchesDenseSolveOfTheFreeUnknowns) {
+  mat_options options;
+  options.solver = MAT_SOLVER_FINE;
+  for (uint32_t seed : {4u, 5u}) {
+    // A band with pixel positions, whose ordering works on pixel blocks.
+    Band b(41 + 2 * static_cast<int>(seed), 29, seed, &options);
+    ExpectFineMatchesDenseSolve(
+        b.problem, MakeTrimap(b, seed + 10),
+        RandomPlane(b.width, b.height, b.width, seed + 20));
+    // A whole-image problem, without them.
+    const int w = 15 + static_cast<int>(seed), h = 13;
+    mat_data whole;
+    mat_init(RandomPlane(3 * w, h, 3 * w, seed).data(), w, h, 3 * w, whole,
+             nullptr);
+    std::vector<unsigned char> trimap = RandomPlane(w, h, w, seed + 30);
+    for (unsigned char& t : trimap) t = t % 3 == 0 ? t : kUnknown;
+    ExpectFineMatchesDenseSolve(whole, trimap, RandomPlane(w, h, w, seed + 40));
   }
 }
 
