@@ -376,12 +376,26 @@ class Refiner {
                             {coarseBand, iy + 1}};
     const Level::Row row = fine_.RowAt(y);
     // The window is moved inside the level at its borders, as on the full
-    // planes.
+    // planes. Its five rows are the same for the whole run: their labels
+    // over the columns the run's windows cover are read once, with the
+    // known classes seen in each column.
     const int cy = y < 2 ? 2 : std::min(y, fine_.height() - 3);
-    Level::Row window[5];
-    for (int d = 0; d < 5; ++d) window[d] = fine_.RowAt(cy - 2 + d);
+    const int firstColumn = WindowCentre(x0) - 2;
+    const int columnCount = WindowCentre(x1 - 1) + 3 - firstColumn;
     const int* fineTx = fine_.tx();
-    const unsigned char* fineLabels = row.labels;
+    const unsigned char* imageRows[5];
+    windowLabels_.resize(static_cast<size_t>(columnCount) * 5);
+    columnSeen_.assign(static_cast<size_t>(columnCount), 0);
+    for (int d = 0; d < 5; ++d) {
+      const Level::Row windowRow = fine_.RowAt(cy - 2 + d);
+      imageRows[d] = windowRow.image;
+      unsigned char* labels =
+          &windowLabels_[static_cast<size_t>(d) * columnCount];
+      for (int c = 0; c < columnCount; ++c) {
+        labels[c] = windowRow.Label(firstColumn + c);
+        columnSeen_[c] |= labels[c];
+      }
+    }
     for (int x = x0; x < x1; ++x) {
       const int ix = xs_.index[x];
       const float fx = xs_.frac[x];
@@ -417,40 +431,51 @@ class Refiner {
                               fc[0], fc[1], fc[2], fc[3], search, a, out.b,
                               out.f);
 
-      // Neighbours in the order of the neighbour-offset table.
-      const int cx = x < 2 ? 2 : std::min(x, fine_.width() - 3);
-      int columns[5];
-      for (int d = 0; d < 5; ++d) columns[d] = fineTx[cx - 2 + d];
-      const unsigned char* bg[kWindowNeighbours];
-      const unsigned char* fg[kWindowNeighbours];
-      int nb = 0;
-      int nf = 0;
-      for (int dy = 0; dy < 5; ++dy) {
-        const unsigned char* alphaRow = window[dy].alpha;
-        const unsigned char* imageRow = window[dy].image;
-        for (int dx = 0; dx < 5; ++dx) {
-          if (dx == 2 && dy == 2) continue;
-          // Written to both lists, kept by the one the label names.
-          const unsigned char label = fineLabels[alphaRow[columns[dx]]];
-          const unsigned char* p =
-              imageRow + static_cast<ptrdiff_t>(columns[dx]) * 3;
-          bg[nb] = p;
-          fg[nf] = p;
-          nb += label == kBackground;
-          nf += label == kForeground;
+      // Deep inside a wide band the window sees no known pixel and
+      // corrects nothing.
+      const int left = WindowCentre(x) - 2 - firstColumn;
+      const unsigned char seen = columnSeen_[left] | columnSeen_[left + 1] |
+                                 columnSeen_[left + 2] | columnSeen_[left + 3] |
+                                 columnSeen_[left + 4];
+      if (seen != 0) {
+        // Neighbours in the order of the neighbour-offset table.
+        const unsigned char* bg[kWindowNeighbours];
+        const unsigned char* fg[kWindowNeighbours];
+        int nb = 0;
+        int nf = 0;
+        for (int dy = 0; dy < 5; ++dy) {
+          const unsigned char* labels =
+              &windowLabels_[static_cast<size_t>(dy) * columnCount + left];
+          for (int dx = 0; dx < 5; ++dx) {
+            if (dx == 2 && dy == 2) continue;
+            // Written to both lists, kept by the one the label names.
+            const unsigned char* p =
+                imageRows[dy] +
+                static_cast<ptrdiff_t>(fineTx[firstColumn + left + dx]) * 3;
+            bg[nb] = p;
+            fg[nf] = p;
+            nb += labels[dx] == kBackground;
+            nf += labels[dx] == kForeground;
+          }
         }
+        fb_color::CorrectFromWindow(bg, nb, fg, nf, a, i, out.b, out.f);
       }
-      fb_color::CorrectFromWindow(bg, nb, fg, nf, a, i, out.b, out.f);
       emit(x, out);
     }
   }
 
  private:
+  int WindowCentre(int x) const {
+    return x < 2 ? 2 : std::min(x, fine_.width() - 3);
+  }
+
   const SolvedLevel& coarse_;
   const Level& fine_;
   fb_color::AxisTable xs_;
   fb_color::AxisTable ys_;
   LazySampler sampler_;
+  std::vector<unsigned char> windowLabels_;  // five rows of the run's windows
+  std::vector<unsigned char> columnSeen_;    // known classes per column
 };
 
 // Calls visit(y, run number, run) for the band's runs in raster order.
@@ -526,7 +551,10 @@ class BandDistances {
             {Offset(y - 1, r->x0), Offset(y, r->x0), Offset(y + 1, r->x0)});
       }
     }
-    for (int pass = 0; pass < 4; ++pass) Pass(band, pass);
+    Pass<0>(band);
+    Pass<1>(band);
+    Pass<2>(band);
+    Pass<3>(band);
   }
 
   // Band width (in pixels) of pixel x of the band's run with this index.
@@ -581,56 +609,58 @@ class BandDistances {
   }
 
   // One of the four raster passes; the neighbour lists are the transform's.
-  void Pass(const BandRows& band, int pass) {
-    const bool bottomUp = pass == 1 || pass == 3;
-    const bool rightToLeft = pass == 1 || pass == 2;
+  template <int kPass>
+  void Pass(const BandRows& band) {
+    constexpr bool kBottomUp = kPass == 1 || kPass == 3;
+    constexpr bool kRightToLeft = kPass == 1 || kPass == 2;
     unsigned int* planes[2] = {toFg_.data(), toBg_.data()};
     for (int i = 0; i < height_; ++i) {
-      const int y = bottomUp ? height_ - 1 - i : i;
+      const int y = kBottomUp ? height_ - 1 - i : i;
       const size_t count = static_cast<size_t>(band.end(y) - band.begin(y));
       for (size_t j = 0; j < count; ++j) {
-        const Run& r = band.begin(y)[rightToLeft ? count - 1 - j : j];
-        const size_t run = band.Number(&r);
-        const std::array<ptrdiff_t, 3>& o = offsets_[run];
+        const Run& r = band.begin(y)[kRightToLeft ? count - 1 - j : j];
+        const std::array<ptrdiff_t, 3>& o = offsets_[band.Number(&r)];
         for (unsigned int* d : planes) {
           const unsigned int* up = d + o[0];
           unsigned int* cur = d + o[1];
           const unsigned int* down = d + o[2];
-          const int n = r.x1 - r.x0;
-          for (int t = 0; t < n; ++t) {
-            const int x = rightToLeft ? r.x1 - 1 - t : r.x0 + t;
-            unsigned int v = cur[x];
-            switch (pass) {
-              case 0:
-                v = std::min(v, up[x - 1] + kDiagonal);
-                v = std::min(v, up[x] + kAxial);
-                v = std::min(v, up[x + 1] + kDiagonal);
-                v = std::min(v, cur[x - 1] + kAxial);
-                break;
-              case 1:
-                v = std::min(v, cur[x + 1] + kAxial);
-                v = std::min(v, down[x - 1] + kDiagonal);
-                v = std::min(v, down[x] + kAxial);
-                v = std::min(v, down[x + 1] + kDiagonal);
-                break;
-              case 2:
-                v = std::min(v, up[x] + kAxial);
-                v = std::min(v, up[x + 1] + kDiagonal);
-                v = std::min(v, cur[x + 1] + kAxial);
-                v = std::min(v, down[x + 1] + kDiagonal);
-                break;
-              default:
-                v = std::min(v, down[x] + kAxial);
-                v = std::min(v, down[x - 1] + kDiagonal);
-                v = std::min(v, cur[x - 1] + kAxial);
-                v = std::min(v, up[x - 1] + kDiagonal);
-                break;
-            }
-            cur[x] = v;
+          if (kRightToLeft) {
+            for (int x = r.x1 - 1; x >= r.x0; --x)
+              Update<kPass>(up, cur, down, x);
+          } else {
+            for (int x = r.x0; x < r.x1; ++x) Update<kPass>(up, cur, down, x);
           }
         }
       }
     }
+  }
+
+  template <int kPass>
+  static void Update(const unsigned int* up, unsigned int* cur,
+                     const unsigned int* down, int x) {
+    unsigned int v = cur[x];
+    if (kPass == 0) {
+      v = std::min(v, up[x - 1] + kDiagonal);
+      v = std::min(v, up[x] + kAxial);
+      v = std::min(v, up[x + 1] + kDiagonal);
+      v = std::min(v, cur[x - 1] + kAxial);
+    } else if (kPass == 1) {
+      v = std::min(v, cur[x + 1] + kAxial);
+      v = std::min(v, down[x - 1] + kDiagonal);
+      v = std::min(v, down[x] + kAxial);
+      v = std::min(v, down[x + 1] + kDiagonal);
+    } else if (kPass == 2) {
+      v = std::min(v, up[x] + kAxial);
+      v = std::min(v, up[x + 1] + kDiagonal);
+      v = std::min(v, cur[x + 1] + kAxial);
+      v = std::min(v, down[x + 1] + kDiagonal);
+    } else {
+      v = std::min(v, down[x] + kAxial);
+      v = std::min(v, down[x - 1] + kDiagonal);
+      v = std::min(v, cur[x - 1] + kAxial);
+      v = std::min(v, up[x - 1] + kDiagonal);
+    }
+    cur[x] = v;
   }
 
   int width_;
