@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <cstring>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include "colour/fb_color.h"
@@ -78,8 +79,10 @@ class BandRows {
   size_t pixels_ = 0;
 };
 
-// Sixteen alpha values side by side (a vector register on either target).
+// Sixteen alpha values side by side (a vector register on either target),
+// and what comparing two such gives: all ones where true.
 typedef unsigned char Bytes16 __attribute__((vector_size(kScanBlock)));
+using Mask16 = decltype(std::declval<Bytes16>() < std::declval<Bytes16>());
 
 // One pass over the matte: the unknown runs of every row. Blocks without an
 // unknown value (the bulk of a photo) are passed over sixteen at a time.
@@ -101,7 +104,7 @@ BandRows FindBand(const unsigned char* alpha, int alphaStride, int width,
     int x = 0;
     // Whether any value of the blocks at row + at is unknown.
     auto anyUnknown = [&](int at, int blocks) {
-      Bytes16 inBand = {};
+      Mask16 inBand = {};
       for (int b = 0; b < blocks; ++b) {
         Bytes16 block;
         std::memcpy(&block, row + at + b * kScanBlock, kScanBlock);
@@ -544,7 +547,7 @@ class BandDistances {
   BandDistances(const unsigned char* alpha, int alphaStride,
                 const Labels& labels, int width, int height,
                 const BandRows& band)
-      : width_(width), height_(height), rowBegin_(height + 3) {
+      : height_(height), rowBegin_(height + 3) {
     BuildIntervals(band);
     toFg_.resize(size_);
     toBg_.resize(size_);
@@ -683,7 +686,6 @@ class BandDistances {
     cur[x] = v;
   }
 
-  int width_;
   int height_;
   std::vector<size_t> rowBegin_;  // rows -1 .. height, shifted by one
   std::vector<Interval> intervals_;
