@@ -33,47 +33,52 @@ Bytes16 Splat(unsigned char v) {
   return b;
 }
 
-// For each i in [0, n): the extremum of line[i - r .. i + r] clipped to the
-// line, written to out[i * outStep]. Blocks of 2r + 1 values over the line
-// padded with the comparison's identity (the van Herk / Gil-Werman scheme):
-// each window is the tail of one block and the head of the next.
-template <typename Cmp>
-void SlidingExtremum(const unsigned char* line, ptrdiff_t lineStep, int n,
-                     int r, unsigned char identity, Cmp cmp, unsigned char* out,
-                     ptrdiff_t outStep, std::vector<unsigned char>* scratch) {
-  const int k = 2 * r + 1;
-  const int length = (n + 2 * r + k - 1) / k * k;
-  scratch->resize(static_cast<size_t>(length) * 3);
-  unsigned char* padded = scratch->data();
-  unsigned char* head = padded + length;  // extremum from the block start
-  unsigned char* tail = head + length;    // extremum to the block end
-  for (int j = 0; j < length; ++j) {
-    const int i = j - r;
-    padded[j] = i >= 0 && i < n ? line[i * lineStep] : identity;
-  }
-  for (int start = 0; start < length; start += k) {
-    head[start] = padded[start];
-    for (int j = start + 1; j < start + k; ++j) {
-      head[j] = cmp(padded[j], head[j - 1]);
-    }
-    tail[start + k - 1] = padded[start + k - 1];
-    for (int j = start + k - 2; j >= start; --j) {
-      tail[j] = cmp(padded[j], tail[j + 1]);
-    }
-  }
-  for (int i = 0; i < n; ++i) out[i * outStep] = cmp(tail[i], head[i + 2 * r]);
-}
-
+// The larger or smaller of two values, or of two vectors value by value.
 struct Max {
-  unsigned char operator()(unsigned char a, unsigned char b) const {
+  template <typename T>
+  T operator()(T a, T b) const {
     return a > b ? a : b;
   }
 };
 struct Min {
-  unsigned char operator()(unsigned char a, unsigned char b) const {
+  template <typename T>
+  T operator()(T a, T b) const {
     return a < b ? a : b;
   }
 };
+
+// a[i] = cmp(a[i], a[i + shift]) for i in [0, n), sixteen at a time; a
+// value is read before the one shift places back replaces it.
+template <typename Cmp>
+void CombineShifted(unsigned char* a, size_t n, size_t shift, Cmp cmp) {
+  size_t i = 0;
+  for (; i + kBlock <= n; i += kBlock) {
+    Bytes16 x;
+    Bytes16 y;
+    std::memcpy(&x, a + i, kBlock);
+    std::memcpy(&y, a + i + shift, kBlock);
+    x = cmp(x, y);
+    std::memcpy(a + i, &x, kBlock);
+  }
+  for (; i < n; ++i) a[i] = cmp(a[i], a[i + shift]);
+}
+
+// The extremum of every window of `size` consecutive items of a sequence
+// of `count` items, each `unit` bytes wide (a value of a row, or a whole row
+// of a plane), compared byte by byte. Windows of 2, 4, 8 ... items are built
+// in place by doubling; the window of item i is then covered by the two
+// widest ones at i and i + size - widest. The first count - size + 1 items
+// are the results.
+template <typename Cmp>
+void WindowExtrema(unsigned char* items, int count, int size, size_t unit,
+                   Cmp cmp) {
+  int widest = 1;
+  for (; 2 * widest <= size; widest *= 2) {
+    // Windows of 2 * widest start at items 0 .. count - 2 * widest.
+    CombineShifted(items, (count - 2 * widest + 1) * unit, widest * unit, cmp);
+  }
+  CombineShifted(items, (count - size + 1) * unit, (size - widest) * unit, cmp);
+}
 
 // The exact smoothing of one tile, from the tile and the reach of the
 // windows around it.
@@ -109,32 +114,33 @@ class TileSmoother {
   }
 
   // The extremum over each tile pixel's window clipped to the plane, as a
-  // horizontal pass over the rows the windows reach, then a vertical one.
+  // horizontal pass over the rows the windows reach, then a vertical one;
+  // outside the plane the comparison's identity stands in.
   template <typename Cmp>
   void Extrema(int x0, int y0, int x1, int y1, Cmp cmp, unsigned char identity,
                std::vector<unsigned char>* result) {
+    const int size = 2 * reach_ + 1;
     const int tw = x1 - x0;
-    const int rx0 = std::max(x0 - reach_, 0);
-    const int rx1 = std::min(x1 + reach_, width_);
-    const int ry0 = std::max(y0 - reach_, 0);
-    const int ry1 = std::min(y1 + reach_, height_);
-    line_.resize(static_cast<size_t>(rx1 - rx0));
-    rows_.resize(static_cast<size_t>(ry1 - ry0) * tw);
-    for (int y = ry0; y < ry1; ++y) {
-      SlidingExtremum(Row(y) + rx0, 1, rx1 - rx0, reach_, identity, cmp,
-                      line_.data(), 1, &scratch_);
-      std::memcpy(&rows_[static_cast<size_t>(y - ry0) * tw],
-                  line_.data() + (x0 - rx0), static_cast<size_t>(tw));
+    const int lineLength = tw + 2 * reach_;
+    const int columnLength = (y1 - y0) + 2 * reach_;
+    line_.resize(static_cast<size_t>(lineLength));
+    rows_.assign(static_cast<size_t>(columnLength) * tw, identity);
+    const int left = x0 - reach_;
+    const int first = std::max(left, 0);
+    const int last = std::min(x1 + reach_, width_);
+    for (int y = std::max(y0 - reach_, 0); y < std::min(y1 + reach_, height_);
+         ++y) {
+      std::fill(line_.begin(), line_.end(), identity);
+      std::memcpy(&line_[first - left], Row(y) + first,
+                  static_cast<size_t>(last - first));
+      WindowExtrema(line_.data(), lineLength, size, 1, cmp);
+      std::memcpy(&rows_[static_cast<size_t>(y - (y0 - reach_)) * tw],
+                  line_.data(), static_cast<size_t>(tw));
     }
-    result->resize(static_cast<size_t>(y1 - y0) * tw);
-    column_.resize(static_cast<size_t>(ry1 - ry0));
-    for (int x = 0; x < tw; ++x) {
-      SlidingExtremum(&rows_[x], tw, ry1 - ry0, reach_, identity, cmp,
-                      column_.data(), 1, &scratch_);
-      for (int y = y0; y < y1; ++y) {
-        (*result)[static_cast<size_t>(y - y0) * tw + x] = column_[y - ry0];
-      }
-    }
+    WindowExtrema(rows_.data(), columnLength, size, static_cast<size_t>(tw),
+                  cmp);
+    result->assign(rows_.begin(),
+                   rows_.begin() + static_cast<ptrdiff_t>(y1 - y0) * tw);
   }
 
   // The local means the smoothing divides by its maxima: the 3 x 3 rule
@@ -196,8 +202,6 @@ class TileSmoother {
   std::vector<int64_t> sums_;
   std::vector<unsigned char> line_;
   std::vector<unsigned char> rows_;
-  std::vector<unsigned char> column_;
-  std::vector<unsigned char> scratch_;
 };
 
 // Whether every value of rows [y0, y1) between columns x0 and x1 is v.
@@ -272,26 +276,41 @@ void smooth_boundary_band(const unsigned char* src, int width, int height,
   std::vector<unsigned char> outputs;
   for (int y0 = 0; y0 < height; y0 += kTile) {
     const int y1 = std::min(y0 + kTile, height);
-    for (int x0 = 0; x0 < width; x0 += kTile) {
+    // Neighbouring tiles that need the filters are filtered together, so
+    // that they share the reach of the windows between them.
+    // One step past the last tile closes a span that reaches the edge.
+    const int tiles = (width + kTile - 1) / kTile;
+    int spanStart = -1;
+    for (int t = 0; t <= tiles; ++t) {
+      const int x0 = std::min(t * kTile, width);
       const int x1 = std::min(x0 + kTile, width);
-      const unsigned char v = src[static_cast<ptrdiff_t>(y0) * srcStep + x0];
-      if ((v == 0 || v == 255) &&
-          Uniform(src, srcStep, std::max(x0 - meanReach, 0),
-                  std::max(y0 - meanReach, 0), std::min(x1 + meanReach, width),
-                  std::min(y1 + meanReach, height), v)) {
-        if (!inPlace) {
+      bool keeps = true;
+      if (t < tiles) {
+        const unsigned char v = src[static_cast<ptrdiff_t>(y0) * srcStep + x0];
+        keeps = (v == 0 || v == 255) &&
+                Uniform(src, srcStep, std::max(x0 - meanReach, 0),
+                        std::max(y0 - meanReach, 0),
+                        std::min(x1 + meanReach, width),
+                        std::min(y1 + meanReach, height), v);
+        if (keeps && !inPlace) {
           for (int y = y0; y < y1; ++y) {
             std::memset(dst + static_cast<ptrdiff_t>(y) * dstStep + x0, v,
                         static_cast<size_t>(x1 - x0));
           }
         }
-        continue;
+        if (!keeps && spanStart < 0) spanStart = x0;
       }
-      // Written once every tile has been read: the filter may work in
-      // place.
-      pending.push_back({x0, y0, x1, y1, outputs.size()});
-      outputs.resize(outputs.size() + static_cast<size_t>(x1 - x0) * (y1 - y0));
-      smoother.Smooth(x0, y0, x1, y1, &outputs[pending.back().offset]);
+      if (keeps && spanStart >= 0) {
+        // Written once every tile has been read: the filter may work in
+        // place.
+        const int spanEnd = x0;
+        pending.push_back({spanStart, y0, spanEnd, y1, outputs.size()});
+        outputs.resize(outputs.size() +
+                       static_cast<size_t>(spanEnd - spanStart) * (y1 - y0));
+        smoother.Smooth(spanStart, y0, spanEnd, y1,
+                        &outputs[pending.back().offset]);
+        spanStart = -1;
+      }
     }
   }
   for (const Pending& p : pending) {
