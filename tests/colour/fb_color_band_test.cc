@@ -149,8 +149,10 @@ std::vector<Case> Cases() {
       {77, 55, kBlobs, 2, 14, 200, 40, false},  // low above high: no band
       {60, 45, kNoise, 0, 1, 100, 100, true},
       {123, 77, kNoForeground, 2, 5, 30, 220, true},
-      // Too wide for the distance transform: every width reads unreached.
+      // Too wide for the distance transform: every width reads unreached;
+      // and as tall as it takes.
       {65536 + 7, 3, kBlobs, 12, 4, 1, 253, false},
+      {3, 65535, kBlobs, 12, 4, 1, 253, false},
   };
   // More of the ordinary kind, sizes and bands drawn at random.
   std::mt19937 rng(20240611);
