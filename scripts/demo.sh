@@ -12,7 +12,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 . scripts/ensure-packages.sh
-ensure_packages cmake make g++ pkg-config libsuperlu-dev libpng-dev libjpeg-dev
+ensure_packages cmake make g++ pkg-config libsuperlu-dev libeigen3-dev libpng-dev libjpeg-dev
 
 # A folder of its own: switching tests off in build/ would stick in its cache.
 build=${BUILD_DIR:-build-demo}

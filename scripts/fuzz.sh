@@ -12,7 +12,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 . scripts/ensure-packages.sh
-ensure_packages cmake make clang-14 libclang-rt-14-dev libsuperlu-dev
+ensure_packages cmake make clang-14 libclang-rt-14-dev libsuperlu-dev libeigen3-dev
 
 seconds=${1:-30}
 shift || true

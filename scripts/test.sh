@@ -11,7 +11,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 . scripts/ensure-packages.sh
-ensure_packages cmake make g++ pkg-config libsuperlu-dev libgtest-dev \
+ensure_packages cmake make g++ pkg-config libsuperlu-dev libeigen3-dev libgtest-dev \
   libgmock-dev libbenchmark-dev libpng-dev libjpeg-dev clang-format
 
 build=${BUILD_DIR:-build}

@@ -15,7 +15,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 . scripts/ensure-packages.sh
-ensure_packages cmake make g++ pkg-config libsuperlu-dev libgtest-dev \
+ensure_packages cmake make g++ pkg-config libsuperlu-dev libeigen3-dev libgtest-dev \
   libgmock-dev libpng-dev libjpeg-dev valgrind
 
 root=$PWD

@@ -93,6 +93,22 @@ bool LoadMattingSample(int index, bool wide, MattingSample* out);
 double SadOverUnknown(const std::vector<unsigned char>& alpha,
                       const MattingSample& sample);
 
+// Masks as segmenters give them, made from a ground-truth alpha (packed
+// width x height planes, 255 subject, 0 background).
+// Blocky: the segmenter ran at 1/factor of each side, where a block is the
+// subject when the mean of its truth (blocks clipped at the border) is at
+// least 128, and its mask was enlarged back by nearest neighbour.
+std::vector<unsigned char> BlockyMask(const std::vector<unsigned char>& truth,
+                                      int width, int height, int factor);
+// Moved: truth >= 128 with its edge moved out (shift > 0) or in (shift < 0)
+// by |shift| pixels, in Euclidean distance.
+std::vector<unsigned char> MovedEdgeMask(const std::vector<unsigned char>& truth,
+                                         int width, int height, int shift);
+
+// Sum over every pixel of |alpha - truth| / 255, in thousands.
+double SadOverImage(const std::vector<unsigned char>& alpha,
+                    const std::vector<unsigned char>& truth);
+
 }  // namespace softmatte_test
 
 #endif  // SOFTMATTE_TESTS_TEST_UTIL_H_

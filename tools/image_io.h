@@ -18,17 +18,43 @@ struct Picture {
   std::vector<unsigned char> pixels;
 };
 
+// Pictures with more pixels are refused from their header, before any pixel
+// memory is taken. A cut-out peaks at about 34 bytes a pixel (410 MB for 12
+// megapixels with a wide band), so this keeps a run near 5 GB while letting
+// through the 108-megapixel photos of the largest phone sensors.
+constexpr long long kDefaultMaxPixels = 150000000;
+
 // Reads a PNG or JPEG file into layout (converting colour and depth as
-// needed). On failure returns false and sets error to a short phrase that
-// names the file ("cannot read x.png: No such file or directory").
+// needed, CMYK and YCCK JPEGs included) and turns it upright as its Exif
+// orientation says. On failure returns false and sets error to a short
+// phrase that names the file ("cannot read x.png: No such file or
+// directory"); a picture of more than max_pixels pixels is refused before
+// it is decoded.
 bool ReadPicture(const std::string& path, Layout layout, Picture* out,
-                 std::string* error);
+                 std::string* error, long long max_pixels = kDefaultMaxPixels);
+
+// How a PNG is compressed: a zlib level (0-9), the PNG row filters (a mask
+// of libpng's PNG_FILTER_* bits) and the zlib strategy (Z_DEFAULT_STRATEGY,
+// Z_FILTERED, Z_RLE, ...).
+struct PngCompression {
+  int level;
+  int filters;
+  int strategy;
+};
+
+// The tool's settings for --png-level: 0 stores the pixels uncompressed, 1
+// (the default) is the quickest compression, 2-9 are zlib's levels with
+// libpng's adaptive filters.
+constexpr int kFastPngLevel = 1;
+PngCompression PngCompressionForLevel(int level);
 
 // Writes picture as an 8-bit PNG (grey, BGR as RGB, or RGBA) to a temporary
 // file beside path and renames it over path, so that an interrupted run
 // never leaves a half-written PNG under the final name.
-bool WritePngAtomically(const std::string& path, const Picture& picture,
-                        Layout layout, std::string* error);
+bool WritePngAtomically(
+    const std::string& path, const Picture& picture, Layout layout,
+    std::string* error,
+    const PngCompression& compression = PngCompressionForLevel(kFastPngLevel));
 
 }  // namespace softmatte_tool
 

@@ -5,6 +5,7 @@
 
 #include <cctype>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -24,7 +25,6 @@ namespace fs = std::filesystem;
 
 constexpr int kBadInput = 2;
 constexpr int kCannotWrite = 1;
-constexpr unsigned char kMidGrey = 128;
 // The sample's mask is a rough hand-drawn polygon, a few pixels off the fur
 // all round: it needs a wider band than the measured default, which suits
 // masks that sit on the true edge.
@@ -32,12 +32,39 @@ constexpr int kSampleMaxBand = 12;
 constexpr double kSampleBandScale = 0.1;
 
 const char kUsage[] =
-    "usage: softmatte [demo] [-o DIR] [--verbose]\n"
+    "usage: softmatte [demo] [-o DIR] [--png-level N] [--verbose]\n"
     "       softmatte cutout PHOTO (--mask MASK | --trimap TRIMAP |"
     " --scribbles SCRIBBLES)\n"
     "                 [--work-size N] [--band MAX,SCALE]"
-    " [--background IMAGE | --colour RRGGBB]\n"
-    "                 [-o DIR] [--verbose]\n";
+    " [--quality exact|fine]\n"
+    "                 [--background IMAGE | --colour RRGGBB]\n"
+    "                 [--max-pixels N] [--png-level N] [-o DIR] [--verbose]\n";
+
+// Prints how long the tool's own stages (reading, writing) took to
+// standard error when enabled; the cut-out reports its stages itself.
+class Stage {
+ public:
+  explicit Stage(bool enabled) : enabled_(enabled) {}
+  void Start(const char* name) {
+    Stop();
+    name_ = name;
+    begin_ = std::chrono::steady_clock::now();
+  }
+  void Stop() {
+    if (name_ != nullptr && enabled_) {
+      const std::chrono::duration<double> seconds =
+          std::chrono::steady_clock::now() - begin_;
+      std::fprintf(stderr, "softmatte: %-34s %8.3f s\n", name_,
+                   seconds.count());
+    }
+    name_ = nullptr;
+  }
+
+ private:
+  bool enabled_;
+  const char* name_ = nullptr;
+  std::chrono::steady_clock::time_point begin_;
+};
 
 // Carries the one line a bad input earns.
 struct Failure {
@@ -55,7 +82,9 @@ struct Arguments {
   unsigned char colour[3] = {255, 255, 255};  // B, G, R
   std::string output = "softmatte-out";
   bool verbose = false;
-  CutoutSettings settings;
+  long long max_pixels = kDefaultMaxPixels;
+  int png_level = kFastPngLevel;
+  mat_cutout_options settings;
 };
 
 bool ParseInt(const std::string& text, long* value) {
@@ -79,7 +108,7 @@ bool ParseColour(const std::string& text, unsigned char bgr[3]) {
   return true;
 }
 
-bool ParseBand(const std::string& text, CutoutSettings* settings) {
+bool ParseBand(const std::string& text, mat_cutout_options* settings) {
   const size_t comma = text.find(',');
   long max_band = 0;
   if (!ParseInt(text.substr(0, comma), &max_band) || max_band < 0 ||
@@ -136,7 +165,8 @@ bool Parse(int argc, char** argv, Arguments* args, Failure* failure) {
     const bool takes_value =
         flag == "-o" || flag == "--work-size" || flag == "--band" ||
         flag == "--background" || flag == "--colour" || flag == "--color" ||
-        flag == "--mask" || flag == "--trimap" || flag == "--scribbles";
+        flag == "--mask" || flag == "--trimap" || flag == "--scribbles" ||
+        flag == "--quality" || flag == "--max-pixels" || flag == "--png-level";
     if (!takes_value) {
       *failure = Bad("unknown option '" + flag + "'");
       return false;
@@ -176,6 +206,32 @@ bool Parse(int argc, char** argv, Arguments* args, Failure* failure) {
                 value + "'");
         return false;
       }
+    } else if (flag == "--quality") {
+      if (value == "exact") {
+        args->settings.solve.solver = MAT_SOLVER_EXACT;
+      } else if (value == "fine") {
+        args->settings.solve.solver = MAT_SOLVER_FINE;
+      } else {
+        *failure = Bad("--quality needs exact or fine, not '" + value + "'");
+        return false;
+      }
+    } else if (flag == "--max-pixels") {
+      long n = 0;
+      if (!ParseInt(value, &n) || n < 1) {
+        *failure =
+            Bad("--max-pixels needs a whole number of at least 1, not '" +
+                value + "'");
+        return false;
+      }
+      args->max_pixels = n;
+    } else if (flag == "--png-level") {
+      long n = 0;
+      if (!ParseInt(value, &n) || n < 0 || n > 9) {
+        *failure = Bad("--png-level needs a whole number from 0 to 9, not '" +
+                       value + "'");
+        return false;
+      }
+      args->png_level = static_cast<int>(n);
     } else if (flag == "--background") {
       args->background = value;
     } else if (flag == "--colour" || flag == "--color") {
@@ -217,21 +273,30 @@ bool Parse(int argc, char** argv, Arguments* args, Failure* failure) {
 }
 
 // Where the bundled sample lives: installed beside the program's data, or
-// in the source tree of a build that was not installed.
+// in the source tree of a build that was not installed. The installed copy
+// is looked for from the program itself first, since the prefix may be
+// chosen only when installing.
 std::string SampleDir() {
   if (const char* dir = std::getenv("SOFTMATTE_SAMPLE_DIR")) return dir;
-  for (const char* dir :
-       {SOFTMATTE_INSTALLED_SAMPLE_DIR, SOFTMATTE_SOURCE_SAMPLE_DIR}) {
+  std::error_code error;
+  const fs::path program = fs::read_symlink("/proc/self/exe", error);
+  const fs::path beside =
+      error ? fs::path()
+            : program.parent_path() / SOFTMATTE_SAMPLE_DIR_FROM_PROGRAM;
+  for (const fs::path& dir : {beside, fs::path(SOFTMATTE_INSTALLED_SAMPLE_DIR),
+                              fs::path(SOFTMATTE_SOURCE_SAMPLE_DIR)}) {
     std::error_code ignored;
-    if (fs::exists(fs::path(dir) / "chelsea.png", ignored)) return dir;
+    if (!dir.empty() && fs::exists(dir / "chelsea.png", ignored)) {
+      return dir.lexically_normal().string();
+    }
   }
   return SOFTMATTE_SOURCE_SAMPLE_DIR;
 }
 
-bool Load(const std::string& path, Layout layout, Picture* picture,
-          Failure* failure) {
+bool Load(const std::string& path, Layout layout, long long max_pixels,
+          Picture* picture, Failure* failure) {
   std::string error;
-  if (ReadPicture(path, layout, picture, &error)) return true;
+  if (ReadPicture(path, layout, picture, &error, max_pixels)) return true;
   *failure = Bad(error);
   return false;
 }
@@ -274,82 +339,65 @@ int Run(int argc, char** argv) {
     args.mask = dir + "/chelsea_mask.png";
   }
 
-  StageClock clock(args.verbose);
-  clock.Start("reading inputs");
+  Stage stage(args.verbose);
+  stage.Start("reading inputs");
   Picture photo;
-  if (!Load(args.photo, Layout::kBgr, &photo, &failure)) return fail();
+  if (!Load(args.photo, Layout::kBgr, args.max_pixels, &photo, &failure)) {
+    return fail();
+  }
   const int width = photo.width;
   const int height = photo.height;
 
-  std::vector<unsigned char> trimap;
-  if (!args.trimap.empty()) {
-    Picture given;
-    if (!Load(args.trimap, Layout::kGrey, &given, &failure) ||
-        !CheckSize(given, photo, "trimap", args.trimap, &failure)) {
+  // The guide plane mat_cutout takes: the grey mask or trimap as it is read
+  // (the library draws the line at mid-grey, or bins the trimap), or the
+  // scribbles' labels.
+  std::vector<unsigned char> guide;
+  int guide_kind = MAT_GUIDE_MASK;
+  std::string no_subject;
+  if (!args.scribbles.empty()) {
+    Picture strokes;
+    if (!Load(args.scribbles, Layout::kBgra, args.max_pixels, &strokes,
+              &failure) ||
+        !CheckSize(strokes, photo, "scribbles", args.scribbles, &failure)) {
       return fail();
     }
-    // Tolerant of JPEG noise: dark is background, bright is foreground,
-    // anything in between is unknown.
-    bool any_subject = false;
-    for (unsigned char& v : given.pixels) {
-      v = v < 64 ? 0 : v > 191 ? 255 : kMidGrey;
-      any_subject = any_subject || v != 0;
-    }
-    if (!any_subject) {
+    long foreground = 0;
+    long background = 0;
+    ScribbleLabels(strokes.pixels, width, height, &guide, &foreground,
+                   &background);
+    if (foreground == 0 || background == 0) {
       failure =
-          Bad("trimap " + args.trimap + " has no foreground or unknown pixels");
+          Bad("scribbles " + args.scribbles + " have no " +
+              (foreground == 0 ? "red (foreground)" : "blue (background)") +
+              " strokes");
       return fail();
     }
-    trimap.swap(given.pixels);
+    guide_kind = MAT_GUIDE_SCRIBBLES;
   } else {
-    std::vector<unsigned char> mask;
-    if (!args.scribbles.empty()) {
-      Picture strokes;
-      if (!Load(args.scribbles, Layout::kBgra, &strokes, &failure) ||
-          !CheckSize(strokes, photo, "scribbles", args.scribbles, &failure)) {
-        return fail();
-      }
-      std::vector<unsigned char> labels;
-      long foreground = 0;
-      long background = 0;
-      ScribbleLabels(strokes.pixels, width, height, &labels, &foreground,
-                     &background);
-      if (foreground == 0 || background == 0) {
-        failure =
-            Bad("scribbles " + args.scribbles + " have no " +
-                (foreground == 0 ? "red (foreground)" : "blue (background)") +
-                " strokes");
-        return fail();
-      }
-      std::vector<unsigned char>().swap(strokes.pixels);
-      clock.Start("scribbles (geodesic segmentation)");
-      MaskFromLabels(photo.pixels, width, height, labels, &mask);
-    } else {
-      Picture given;
-      if (!Load(args.mask, Layout::kGrey, &given, &failure) ||
-          !CheckSize(given, photo, "mask", args.mask, &failure)) {
-        return fail();
-      }
-      bool any_subject = false;
-      for (unsigned char& v : given.pixels) {
-        v = v >= kMidGrey ? 255 : 0;
-        any_subject = any_subject || v != 0;
-      }
-      if (!any_subject) {
-        failure = Bad("mask " + args.mask +
-                      " has no foreground (no pixel is mid-grey or brighter)");
-        return fail();
-      }
-      mask.swap(given.pixels);
+    const bool trimap = !args.trimap.empty();
+    const std::string& path = trimap ? args.trimap : args.mask;
+    const char* what = trimap ? "trimap" : "mask";
+    Picture given;
+    if (!Load(path, Layout::kGrey, args.max_pixels, &given, &failure) ||
+        !CheckSize(given, photo, what, path, &failure)) {
+      return fail();
     }
-    clock.Start("trimap");
-    TrimapFromMask(mask, width, height, args.settings, &trimap);
+    guide.swap(given.pixels);
+    guide_kind = trimap ? MAT_GUIDE_TRIMAP : MAT_GUIDE_MASK;
+    no_subject = trimap
+                     ? "trimap " + path + " has no foreground or unknown pixels"
+                     : "mask " + path +
+                           " has no foreground (no pixel is mid-grey or "
+                           "brighter)";
   }
 
   if (!args.background.empty()) {
     // Checked before the long solve, so that a broken file fails at once.
     Picture given;
-    if (!Load(args.background, Layout::kBgr, &given, &failure)) return fail();
+    if (!Load(args.background, Layout::kBgr, args.max_pixels, &given,
+              &failure)) {
+      return fail();
+    }
   }
 
   const fs::path folder(args.output);
@@ -371,17 +419,36 @@ int Run(int argc, char** argv) {
     return fail();
   }
 
-  std::vector<unsigned char> alpha;
-  std::vector<unsigned char> colours;
-  MakeCutout(&photo.pixels, width, height, &trimap, args.settings, &clock,
-             &alpha, &colours);
+  stage.Stop();
+  const size_t count = static_cast<size_t>(width) * height;
+  std::vector<unsigned char> alpha(count);
+  std::vector<unsigned char> colours(3 * count);
+  mat_cutout_timings timings;
+  const int status =
+      mat_cutout(photo.pixels.data(), width, height, 3 * width, guide.data(),
+                 width, guide_kind, args.settings, alpha.data(), width,
+                 colours.data(), 3 * width, &timings);
+  if (status == MAT_CUTOUT_NO_SUBJECT && !no_subject.empty()) {
+    failure = Bad(no_subject);
+    return fail();
+  }
+  if (status != MAT_CUTOUT_OK) {
+    failure = Bad("the cut-out failed (status " + std::to_string(status) + ")");
+    return fail();
+  }
+  if (args.verbose) PrintTimings(timings);
+  std::vector<unsigned char>().swap(photo.pixels);
+  std::vector<unsigned char>().swap(guide);
 
   // The backdrop is decoded again only now, when the photo and the upsampling
   // tables are gone: holding it through the solve would raise the peak.
   std::vector<unsigned char> backdrop(colours.size());
   if (!args.background.empty()) {
     Picture given;
-    if (!Load(args.background, Layout::kBgr, &given, &failure)) return fail();
+    if (!Load(args.background, Layout::kBgr, args.max_pixels, &given,
+              &failure)) {
+      return fail();
+    }
     // Stretched to the photo: a backdrop rarely has the photo's exact size.
     ff::ipf_resize_bl<unsigned char, unsigned char>(
         given.pixels.data(), given.width, given.height, 3 * given.width, 3,
@@ -392,7 +459,7 @@ int Run(int argc, char** argv) {
     }
   }
 
-  clock.Start("writing outputs");
+  stage.Start("writing outputs");
   fs::create_directories(folder, folder_error);
   if (folder_error) {
     std::fprintf(stderr, "softmatte: cannot create %s: %s\n",
@@ -400,23 +467,25 @@ int Run(int argc, char** argv) {
     return kCannotWrite;
   }
   std::string error;
+  const PngCompression png = PngCompressionForLevel(args.png_level);
   Picture out;
   out.width = width;
   out.height = height;
   out.channels = 1;
   out.pixels.swap(alpha);
   if (!WritePngAtomically((folder / names[0]).string(), out, Layout::kGrey,
-                          &error)) {
+                          &error, png)) {
     std::fprintf(stderr, "softmatte: %s\n", error.c_str());
     return kCannotWrite;
   }
   alpha.swap(out.pixels);
 
-  Composite(colours, alpha, backdrop, &backdrop);
+  mat_composite(colours.data(), 3 * width, alpha.data(), width, backdrop.data(),
+                3 * width, width, height, backdrop.data(), 3 * width);
   out.channels = 3;
   out.pixels.swap(backdrop);
   if (!WritePngAtomically((folder / names[2]).string(), out, Layout::kBgr,
-                          &error)) {
+                          &error, png)) {
     std::fprintf(stderr, "softmatte: %s\n", error.c_str());
     return kCannotWrite;
   }
@@ -430,11 +499,11 @@ int Run(int argc, char** argv) {
   }
   std::vector<unsigned char>().swap(colours);
   if (!WritePngAtomically((folder / names[1]).string(), out, Layout::kBgra,
-                          &error)) {
+                          &error, png)) {
     std::fprintf(stderr, "softmatte: %s\n", error.c_str());
     return kCannotWrite;
   }
-  clock.Stop();
+  stage.Stop();
   std::fflush(stdout);
   std::printf("\nsoftmatte: wrote %s, %s and %s in %s\n", names[0], names[1],
               names[2], fs::absolute(folder).lexically_normal().c_str());

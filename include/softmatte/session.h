@@ -2,6 +2,7 @@
 #define SOFTMATTE_SESSION_H_
 
 #include "softmatte/export.h"
+#include "softmatte/solver.h"
 
 class DSCMattingImpl;
 
@@ -57,6 +58,12 @@ class SOFTMATTE_API DSCMatting {
   unsigned char* GetFImage(int* stride, int recompute);
   // As above, then copies the colours into out.
   void GetFImage(unsigned char* out, int outStride, int recompute);
+
+  // How every later refinement (Refine, MakeMatte, MakeMatteFromSegmRes)
+  // assembles and solves its system; value-initialised options, the default
+  // of a new session, keep the exact path. A fine solve that cannot be
+  // factorised falls back to the exact one.
+  void SetSolveOptions(const mat_options& options);
 
   // Solves the matte over the 128 pixels of trimap (session polarity; its
   // other values are kept) and writes it to the session and out; nothing

@@ -3,6 +3,7 @@
 
 // Everything the library exports.
 #include "softmatte/colour.h"
+#include "softmatte/cutout.h"
 #include "softmatte/edit.h"
 #include "softmatte/export.h"
 #include "softmatte/ff/fvt_image.h"

@@ -74,6 +74,56 @@ SOFTMATTE_API unsigned char* _mat_get_alpha(unsigned char* alpha,
                                             const double* x, const int* pixelOf,
                                             int n);
 
+// Which solve a matting system gets.
+enum mat_solver {
+  // SuperLU's general LU over the system with known pixels softly pinned;
+  // its results are pinned bit for bit. Window statistics in single
+  // precision products.
+  MAT_SOLVER_EXACT = 0,
+  // A symmetric LDL^T factorisation of the system reduced to the undecided
+  // pixels, the known ones moved to the right-hand side; window statistics
+  // in double precision, so that a far smaller regulariser stays accurate.
+  MAT_SOLVER_FINE = 1,
+};
+
+// How the matting system is assembled and solved. Value-initialised, it
+// selects the exact path with its own regulariser, which gives the results
+// of the plain mat_update and mat_run bit for bit.
+struct mat_options {
+  int solver = MAT_SOLVER_EXACT;  // a mat_solver value
+  // Added to each 3 x 3 window's colour covariance (colours in 0..1). 0 picks
+  // the solver's default: 1e-4 (as a float) for the exact solve,
+  // MAT_FINE_EPSILON for the fine one. Smaller values follow colour edges
+  // more closely and make the system harder.
+  double epsilon = 0.0;
+};
+
+// The fine solve's default regulariser, chosen by measurement on the
+// alphamatting.com training photos.
+#define MAT_FINE_EPSILON 1e-7
+
+// mat_update with options, without row reuse: builds out afresh over the
+// nonzero pixels of mask (out is untouched when there is none). With default
+// options the same as mat_update with a fresh record as previous.
+SOFTMATTE_API void mat_update(const unsigned char* image, int width, int height,
+                              int stride, const unsigned char* mask,
+                              int maskStride, mat_data& out,
+                              const mat_options& options);
+// Solves problem (built with the same options) like mat_run, but writes the
+// n solution values, nominally 0..1, to x in unknown order (pixel
+// problem.pixelOf[k], or pixel k for a whole-image problem); known pixels get
+// their pinned value. Returns 0 after a solve, a negative value when the
+// system could not be factorised (fine: a group of undecided pixels that no
+// known pixel reaches) and x is then untouched, 0 when there is no unknown.
+// The matrix is left as it was.
+SOFTMATTE_API int mat_solve(mat_data& problem, const unsigned char* trimap,
+                            const unsigned char* alpha, double* x,
+                            const mat_options& options);
+// mat_run with options: mat_solve, then round(x * 255) into alpha. With
+// default options exactly mat_run(problem, trimap, alpha, nullptr).
+SOFTMATTE_API int mat_run(mat_data& problem, const unsigned char* trimap,
+                          unsigned char* alpha, const mat_options& options);
+
 // Solves the symmetric system given as its upper triangle (1-based compressed
 // rows, diagonal first) through SuperLU. storage is not examined. Returns 0
 // after a solve, also when the factorisation failed, and -1 when the

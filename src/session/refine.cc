@@ -7,6 +7,7 @@
 #include "softmatte/resample.h"
 #include "softmatte/solver.h"
 #include "softmatte/trimap.h"
+#include "solver/fine_solve.h"
 
 namespace {
 
@@ -35,12 +36,12 @@ void DSCMattingImpl::SolveAndFinish(const unsigned char* fullTrimap,
 
   // A fresh record each time: reusing rows of an older problem would tie
   // this matte to the previous trimap.
-  mat_data problem;
   if (workWidth >= 1 && workHeight >= 1) {
-    mat_update(workImage.data, workWidth, workHeight, workImage.step, mask.data,
-               mask.step, problem, problem, nullptr);
-    // Whatever the solve leaves in the working alpha is carried on as it is.
-    mat_run(problem, workTrimap.data, workAlpha.data, nullptr);
+    // A fresh problem each time: reusing rows of an older one would tie
+    // this matte to the previous trimap. Whatever the solve leaves in the
+    // working alpha is carried on as it is.
+    SolveBand(workImage.data, workWidth, workHeight, workImage.step, mask.data,
+              mask.step, workTrimap.data, workAlpha.data, solveOptions);
     usam_interpolate_c1(workAlpha.data, workWidth, workHeight, indices,
                         2 * fullWidth, weights, fullWidth, alpha.data,
                         fullWidth, fullHeight, alpha.step, fullTrimap,
@@ -51,7 +52,6 @@ void DSCMattingImpl::SolveAndFinish(const unsigned char* fullTrimap,
   ff::ipf_memcpy_2d(alpha.data, fullWidth, fullHeight, alpha.step, out,
                     outStride);
   foregroundStale = 1;
-  problem.release();
 }
 
 void DSCMattingImpl::Refine(const unsigned char* trimapIn, int width,

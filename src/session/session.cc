@@ -275,3 +275,7 @@ int DSCMatting::MakeMatte(unsigned char* out, int width, int height, int stride,
                           int ksize, int keep) {
   return impl_->MakeMatte(out, width, height, stride, ksize, keep);
 }
+
+void DSCMatting::SetSolveOptions(const mat_options& options) {
+  impl_->solveOptions = options;
+}

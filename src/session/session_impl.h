@@ -3,6 +3,7 @@
 
 #include "softmatte/ff/fvt_image.h"
 #include "softmatte/geoseg.h"
+#include "softmatte/solver.h"
 
 // Everything a session keeps between calls. The working planes are dense
 // (their width is a multiple of 4, so the 4-byte row rounding adds nothing):
@@ -53,6 +54,7 @@ class DSCMattingImpl {
   int workHeight = 0;
   short* weights = nullptr;  // fullWidth per row
   int* indices = nullptr;    // 2 * fullWidth per row, -1 = no entry
+  mat_options solveOptions;  // the exact path unless the caller asks
 
  private:
   bool SizeMatches(int width, int height) const {

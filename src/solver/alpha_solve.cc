@@ -1,7 +1,10 @@
 #include <cstdio>
 #include <cstdlib>
+#include <limits>
+#include <vector>
 
 #include "softmatte/solver.h"
+#include "solver/fine_solve.h"
 
 namespace {
 
@@ -23,28 +26,13 @@ unsigned char ToByte(double v) {
 
 double& Diagonal(mat_data& m, int k) { return m.values[m.rowStart[k] - 1]; }
 
-}  // namespace
-
-unsigned char* _mat_get_alpha(unsigned char* alpha, const double* x,
-                              const int* pixelOf, int n) {
-  if (pixelOf != nullptr) {
-    for (int k = 0; k < n; ++k) alpha[pixelOf[k]] = ToByte(x[k] * 255.0 + 0.5);
-    return alpha;
-  }
-  for (int k = 0; k < n; ++k) *alpha++ = ToByte(x[k] * 255.0 + 0.5);
-  return alpha;
-}
-
-int mat_run(mat_data& problem, const unsigned char* trimap,
-            unsigned char* alpha, unsigned char* /*unused*/) {
+// Pins the known pixels softly, solves into x (nothing is solved without
+// x) and restores the matrix. byFlags: the record's flags and pixel numbers
+// say which pixels to pin, and a ring pixel the trimap leaves open keeps the
+// alpha it had (when there is one); otherwise unknown k is pixel k.
+int SolveExact(mat_data& problem, const unsigned char* trimap,
+               const unsigned char* alpha, bool byFlags, double* x) {
   const int n = problem.n;
-  std::printf("\nnp=%d", n);
-  if (n < 1) return 0;
-
-  // The record remembers which pixels it pinned through its flags; without
-  // them (a whole-image problem) the trimap itself says so on the way back.
-  const bool byFlags = alpha != nullptr && problem.flags != nullptr &&
-                       problem.pixelOf != nullptr;
   if (byFlags) {
     for (int k = 0; k < n; ++k) {
       const int p = problem.pixelOf[k];
@@ -52,8 +40,7 @@ int mat_run(mat_data& problem, const unsigned char* trimap,
         Diagonal(problem, k) += kWeight;
         problem.rhs[k] = (trimap[p] * 1000) / 255.0;
         problem.flags[k] = kPinnedMark;
-      } else if (problem.flags[k] == 1) {
-        // A ring pixel the trimap leaves open keeps the alpha it had.
+      } else if (alpha != nullptr && problem.flags[k] == 1) {
         Diagonal(problem, k) += kWeight;
         problem.rhs[k] = (alpha[p] * 1000) / 255.0;
       } else {
@@ -71,17 +58,11 @@ int mat_run(mat_data& problem, const unsigned char* trimap,
     }
   }
 
-  double* solution = static_cast<double*>(
-      std::malloc(sizeof(double) * static_cast<size_t>(n)));
-  int result = -1;
-  if (solution != nullptr) {
-    result =
-        mn_sparse_solve_d(problem.values, problem.columns, problem.rowStart, n,
-                          kStorage, problem.rhs, solution);
-    if (result >= 0 && alpha != nullptr) {
-      _mat_get_alpha(alpha, solution, problem.pixelOf, n);
-    }
-  }
+  const int result =
+      x == nullptr
+          ? -1
+          : mn_sparse_solve_d(problem.values, problem.columns, problem.rowStart,
+                              n, kStorage, problem.rhs, x);
 
   if (byFlags) {
     for (int k = 0; k < n; ++k) {
@@ -95,7 +76,74 @@ int mat_run(mat_data& problem, const unsigned char* trimap,
       if (trimap[k] != kUnknown) Diagonal(problem, k) -= kWeight;
     }
   }
+  return result;
+}
+
+}  // namespace
+
+unsigned char* _mat_get_alpha(unsigned char* alpha, const double* x,
+                              const int* pixelOf, int n) {
+  if (pixelOf != nullptr) {
+    for (int k = 0; k < n; ++k) alpha[pixelOf[k]] = ToByte(x[k] * 255.0 + 0.5);
+    return alpha;
+  }
+  for (int k = 0; k < n; ++k) *alpha++ = ToByte(x[k] * 255.0 + 0.5);
+  return alpha;
+}
+
+int mat_run(mat_data& problem, const unsigned char* trimap,
+            unsigned char* alpha, unsigned char* /*unused*/) {
+  const int n = problem.n;
+  std::printf("\nnp=%d", n);
+  if (n < 1) return 0;
+  // The record remembers which pixels it pinned through its flags; without
+  // them (a whole-image problem) the trimap itself says so on the way back.
+  const bool byFlags = alpha != nullptr && problem.flags != nullptr &&
+                       problem.pixelOf != nullptr;
+  double* solution = static_cast<double*>(
+      std::malloc(sizeof(double) * static_cast<size_t>(n)));
+  const int result = SolveExact(problem, trimap, alpha, byFlags, solution);
+  if (result >= 0 && alpha != nullptr) {
+    _mat_get_alpha(alpha, solution, problem.pixelOf, n);
+  }
   std::free(solution);
+  return result;
+}
+
+int mat_solve(mat_data& problem, const unsigned char* trimap,
+              const unsigned char* alpha, double* x,
+              const mat_options& options) {
+  const int n = problem.n;
+  if (n < 1) return 0;
+  const bool byFlags = problem.flags != nullptr && problem.pixelOf != nullptr;
+  if (options.solver != MAT_SOLVER_FINE) {
+    return SolveExact(problem, trimap, alpha, byFlags, x);
+  }
+  // Known pixels are held exactly at their value; ring pixels the trimap
+  // leaves open keep the alpha they had, as on the exact path.
+  std::vector<double> pinned(n, std::numeric_limits<double>::quiet_NaN());
+  for (int k = 0; k < n; ++k) {
+    const int p = problem.pixelOf != nullptr ? problem.pixelOf[k] : k;
+    if (trimap[p] != kUnknown) {
+      pinned[k] = trimap[p] / 255.0;
+    } else if (byFlags && alpha != nullptr && problem.flags[k] == 1) {
+      pinned[k] = alpha[p] / 255.0;
+    }
+  }
+  return SolvePinned(problem, pinned.data(), x);
+}
+
+int mat_run(mat_data& problem, const unsigned char* trimap,
+            unsigned char* alpha, const mat_options& options) {
+  if (options.solver != MAT_SOLVER_FINE) {
+    return mat_run(problem, trimap, alpha, nullptr);
+  }
+  if (problem.n < 1) return 0;
+  std::vector<double> x(problem.n);
+  const int result = mat_solve(problem, trimap, alpha, x.data(), options);
+  if (result >= 0 && alpha != nullptr) {
+    _mat_get_alpha(alpha, x.data(), problem.pixelOf, problem.n);
+  }
   return result;
 }
 
@@ -226,4 +274,17 @@ int mat_mask_run(mat_data& problem, const unsigned char* constraint, int width,
   std::free(number);
   std::free(grid);
   return result;
+}
+
+void SolveBand(const unsigned char* image, int width, int height, int stride,
+               const unsigned char* mask, int maskStride,
+               const unsigned char* trimap, unsigned char* alpha,
+               const mat_options& options) {
+  mat_data problem;
+  mat_update(image, width, height, stride, mask, maskStride, problem, options);
+  if (mat_run(problem, trimap, alpha, options) >= 0) return;
+  problem.release();
+  mat_update(image, width, height, stride, mask, maskStride, problem,
+             mat_options());
+  mat_run(problem, trimap, alpha, nullptr);
 }

@@ -65,35 +65,42 @@ constexpr PairTable kPairTable;
 
 // Mean and inverse regularised covariance of one window, and every pixel's
 // colour minus the mean, premultiplied by the inverse for the pair terms.
+// Colour is float or double: with float colours each product of the second
+// moments is a float product (the pinned exact arithmetic); with double
+// colours everything is double, which a regulariser far below float
+// resolution needs.
+template <typename Colour>
 struct WindowModel {
+  double epsilon;
   double centred[kWindow][3];
   double weighted[kWindow][3];  // inverse covariance times centred
 
-  // w[k] points to the three float channels of window pixel k.
-  void Fit(const float* const* w) {
+  explicit WindowModel(double eps) : epsilon(eps) {}
+
+  // w[k] points to the three channels of window pixel k.
+  void Fit(const Colour* const* w) {
     double mean[3];
     for (int c = 0; c < 3; ++c) {
       double sum = 0.0;
       for (int k = 0; k < kWindow; ++k) sum += w[k][c];
       mean[c] = sum / 9.0;
     }
-    // Each product is a float product; only the sums are double.
     double m[6] = {0.0, 0.0, 0.0, 0.0, 0.0, 0.0};
     for (int k = 0; k < kWindow; ++k) {
-      const float* p = w[k];
-      m[0] += static_cast<float>(p[0] * p[0]);
-      m[1] += static_cast<float>(p[0] * p[1]);
-      m[2] += static_cast<float>(p[0] * p[2]);
-      m[3] += static_cast<float>(p[1] * p[1]);
-      m[4] += static_cast<float>(p[1] * p[2]);
-      m[5] += static_cast<float>(p[2] * p[2]);
+      const Colour* p = w[k];
+      m[0] += static_cast<Colour>(p[0] * p[0]);
+      m[1] += static_cast<Colour>(p[0] * p[1]);
+      m[2] += static_cast<Colour>(p[0] * p[2]);
+      m[3] += static_cast<Colour>(p[1] * p[1]);
+      m[4] += static_cast<Colour>(p[1] * p[2]);
+      m[5] += static_cast<Colour>(p[2] * p[2]);
     }
-    const double a = m[0] / 9.0 - mean[0] * mean[0] + kEpsilon;
+    const double a = m[0] / 9.0 - mean[0] * mean[0] + epsilon;
     const double b = m[1] / 9.0 - mean[0] * mean[1];
     const double c = m[2] / 9.0 - mean[0] * mean[2];
-    const double d = m[3] / 9.0 - mean[1] * mean[1] + kEpsilon;
+    const double d = m[3] / 9.0 - mean[1] * mean[1] + epsilon;
     const double e = m[4] / 9.0 - mean[1] * mean[2];
-    const double f = m[5] / 9.0 - mean[2] * mean[2] + kEpsilon;
+    const double f = m[5] / 9.0 - mean[2] * mean[2] + epsilon;
     const double c00 = d * f - e * e;
     const double c01 = c * e - b * f;
     const double c02 = b * e - c * d;
@@ -124,19 +131,30 @@ struct WindowModel {
   }
 };
 
-// Single-precision copy of a rectangle of a B, G, R image, packed.
-float* ToUnitFloats(const unsigned char* image, int stride, int left, int top,
-                    int width, int height) {
-  float* out = static_cast<float*>(
-      std::malloc(sizeof(float) * 3 * static_cast<size_t>(width) * height));
+// Packed copy of a rectangle of a B, G, R image in 0..1. Single precision
+// uses the pinned scale constant; double precision divides exactly.
+template <typename Colour>
+Colour ByteToUnit(unsigned char v);
+template <>
+float ByteToUnit<float>(unsigned char v) {
+  return static_cast<float>(v) * kByteToUnit;
+}
+template <>
+double ByteToUnit<double>(unsigned char v) {
+  return v / 255.0;
+}
+
+template <typename Colour>
+Colour* ToUnit(const unsigned char* image, int stride, int left, int top,
+               int width, int height) {
+  Colour* out = static_cast<Colour*>(
+      std::malloc(sizeof(Colour) * 3 * static_cast<size_t>(width) * height));
   if (out == nullptr) return nullptr;
-  float* dst = out;
+  Colour* dst = out;
   for (int y = 0; y < height; ++y) {
     const unsigned char* src =
         image + static_cast<size_t>(top + y) * stride + 3 * left;
-    for (int x = 0; x < 3 * width; ++x) {
-      dst[x] = static_cast<float>(src[x]) * kByteToUnit;
-    }
+    for (int x = 0; x < 3 * width; ++x) dst[x] = ByteToUnit<Colour>(src[x]);
     dst += 3 * static_cast<size_t>(width);
   }
   return out;
@@ -189,12 +207,17 @@ void ZeroSumDiagonal(mat_data& m) {
   }
 }
 
-}  // namespace
-
-void mat_update(const unsigned char* image, int width, int height, int stride,
-                const unsigned char* mask, int maskStride,
-                const mat_data& previous, mat_data& out,
-                unsigned char* /*unused*/) {
+// The band assembly behind both mat_update forms; Colour and epsilon select
+// the arithmetic. The system always holds the mask's pixels and the ring
+// around them; with secondRing also the next ring, so that every pixel a
+// window shares with an unknown one is in it and no affinity of an unknown
+// pixel is lost (the fine solve pins both rings exactly).
+template <typename Colour>
+void Assemble(const unsigned char* image, int width, int height, int stride,
+              const unsigned char* mask, int maskStride,
+              const mat_data& previous, mat_data& out, double epsilon,
+              bool secondRing) {
+  const unsigned char firstMember = secondRing ? kSecondRing : kFirstRing;
   int rect[4];
   if (!ff::ipf_get_mask_roi(mask, width, height, maskStride, rect, 0)) return;
   if (rect[0] >= rect[2] || rect[1] >= rect[3]) return;
@@ -228,7 +251,7 @@ void mat_update(const unsigned char* image, int width, int height, int stride,
     } else if (ring1[i] == 0 && ring2[i] != 0) {
       labels[i] = kSecondRing;
     }
-    if (labels[i] >= kFirstRing) ++n;
+    if (labels[i] >= firstMember) ++n;
   }
 
   const int pitch = rw + 2 * kFrame;
@@ -243,10 +266,10 @@ void mat_update(const unsigned char* image, int width, int height, int stride,
     for (int y = 0; y < rh; ++y) {
       for (int x = 0; x < rw; ++x) {
         const unsigned char label = labels[y * rw + x];
-        if (label < kFirstRing) continue;
+        if (label < firstMember) continue;
         origin[y * pitch + x] = k;
         pixelOf[k] = (top + y) * width + (left + x);
-        flags[k] = label == kFirstRing ? 1 : 0;
+        flags[k] = label == kFirstRing || label == kSecondRing ? 1 : 0;
         ++k;
       }
     }
@@ -265,7 +288,7 @@ void mat_update(const unsigned char* image, int width, int height, int stride,
                         previous.indexMap != nullptr &&
                         previous.width == width && previous.height == height;
   bool* reused = static_cast<bool*>(std::calloc(static_cast<size_t>(n), 1));
-  float* colours = ToUnitFloats(image, stride, left, top, rw, rh);
+  Colour* colours = ToUnit<Colour>(image, stride, left, top, rw, rh);
   double* records = static_cast<double*>(
       std::calloc(static_cast<size_t>(n) * kSlots, sizeof(double)));
   if (reused == nullptr || colours == nullptr || records == nullptr) {
@@ -334,7 +357,7 @@ void mat_update(const unsigned char* image, int width, int height, int stride,
     }
   }
 
-  WindowModel model;
+  WindowModel<Colour> model(epsilon);
   for (int y = 1; y < rh - 1; ++y) {
     for (int x = 1; x < rw - 1; ++x) {
       if (labels[y * rw + x] <= kSkipWindow) continue;
@@ -352,7 +375,7 @@ void mat_update(const unsigned char* image, int width, int height, int stride,
         for (int j = k + 1; j < kWindow; ++j) needed |= number[j] >= 0;
       }
       if (!needed) continue;
-      const float* w[kWindow];
+      const Colour* w[kWindow];
       for (int k = 0; k < kWindow; ++k) {
         w[k] = colours + 3 * ((static_cast<size_t>(y) + k / 3 - 1) * rw +
                               (x + k % 3 - 1));
@@ -388,6 +411,35 @@ void mat_update(const unsigned char* image, int width, int height, int stride,
   out.swap(fresh);
 }
 
+}  // namespace
+
+void mat_update(const unsigned char* image, int width, int height, int stride,
+                const unsigned char* mask, int maskStride,
+                const mat_data& previous, mat_data& out,
+                unsigned char* /*unused*/) {
+  Assemble<float>(image, width, height, stride, mask, maskStride, previous, out,
+                  kEpsilon, false);
+}
+
+void mat_update(const unsigned char* image, int width, int height, int stride,
+                const unsigned char* mask, int maskStride, mat_data& out,
+                const mat_options& options) {
+  // Rows of an older problem may have been built with another regulariser:
+  // never lend them.
+  const mat_data none;
+  const bool fine = options.solver == MAT_SOLVER_FINE;
+  const double epsilon = options.epsilon > 0.0 ? options.epsilon
+                         : fine                ? MAT_FINE_EPSILON
+                                               : kEpsilon;
+  if (fine) {
+    Assemble<double>(image, width, height, stride, mask, maskStride, none, out,
+                     epsilon, true);
+  } else {
+    Assemble<float>(image, width, height, stride, mask, maskStride, none, out,
+                    epsilon, false);
+  }
+}
+
 void mat_init(const unsigned char* image, int width, int height, int stride,
               mat_data& out, unsigned char* /*unused*/) {
   const int n = width * height;
@@ -397,7 +449,7 @@ void mat_init(const unsigned char* image, int width, int height, int stride,
     if (out.rowStart != nullptr) out.rowStart[0] = 1;
     return;
   }
-  float* colours = ToUnitFloats(image, stride, 0, 0, width, height);
+  float* colours = ToUnit<float>(image, stride, 0, 0, width, height);
   if (colours == nullptr) {
     out.rowStart[0] = 1;
     for (int k = 0; k < n; ++k) out.rowStart[k + 1] = 1;
@@ -410,7 +462,7 @@ void mat_init(const unsigned char* image, int width, int height, int stride,
   // array would double the memory of a whole photo's problem.
   double* records = out.values;
   std::memset(records, 0, sizeof(double) * kSlots * static_cast<size_t>(n));
-  WindowModel model;
+  WindowModel<float> model(kEpsilon);
   for (int y = 1; y < height - 1; ++y) {
     for (int x = 1; x < width - 1; ++x) {
       const float* w[kWindow];

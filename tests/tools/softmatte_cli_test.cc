@@ -1,10 +1,6 @@
 // Runs the softmatte program as a person would and checks what it leaves
 // behind: exit status, standard error, and the files in the output folder.
 
-// clang-format off
-#include <stdio.h>  // jpeglib.h uses FILE and size_t without declaring them
-#include <jpeglib.h>
-// clang-format on
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -21,27 +17,22 @@
 #include <utility>
 #include <vector>
 
-#include "cutout.h"
 #include "gtest/gtest.h"
+#include "image_files.h"
 #include "image_io.h"
-#include "softmatte/session.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using softmatte_tool::Layout;
 using softmatte_tool::Picture;
+using tool_test::Slurp;
 
 struct Outcome {
   int status = -1;
   std::string out;
   std::string err;
 };
-
-std::string Slurp(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
 
 std::string Quote(const std::string& word) {
   std::string quoted = "'";
@@ -74,30 +65,6 @@ void SaveFilled(const fs::path& path, int width, Layout layout,
       << error;
 }
 
-void SaveJpeg(const fs::path& path, const Picture& bgr) {
-  jpeg_compress_struct info;
-  jpeg_error_mgr errors;
-  info.err = jpeg_std_error(&errors);
-  jpeg_create_compress(&info);
-  FILE* file = fopen(path.c_str(), "wb");
-  ASSERT_NE(file, nullptr);
-  jpeg_stdio_dest(&info, file);
-  info.image_width = bgr.width;
-  info.image_height = bgr.height;
-  info.input_components = 3;
-  info.in_color_space = JCS_EXT_BGR;
-  jpeg_set_defaults(&info);
-  jpeg_start_compress(&info, TRUE);
-  while (info.next_scanline < info.image_height) {
-    JSAMPROW row = const_cast<unsigned char*>(bgr.pixels.data()) +
-                   static_cast<size_t>(info.next_scanline) * 3 * bgr.width;
-    jpeg_write_scanlines(&info, &row, 1);
-  }
-  jpeg_finish_compress(&info);
-  jpeg_destroy_compress(&info);
-  fclose(file);
-}
-
 class SoftmatteCli : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -126,13 +93,25 @@ TEST_F(SoftmatteCli, BadInputGetsOneLineStatusTwoAndWritesNothing) {
   std::ofstream(dir_ / "text.png") << "not an image at all";
   std::ofstream{dir_ / "empty.jpg"};
   // A PNG and a JPEG cut off halfway: their headers are fine.
-  SaveJpeg(dir_ / "photo.jpg", Load(photo_, Layout::kBgr));
-  for (const auto& [from, to] : {std::pair{photo_, "cut.png"},
-                                 std::pair{dir_ / "photo.jpg", "cut.jpg"}}) {
-    const std::string whole = Slurp(from);
-    std::ofstream(dir_ / to, std::ios::binary)
-        << whole.substr(0, whole.size() / 2);
+  const Picture bgr = Load(photo_, Layout::kBgr);
+  tool_test::SaveJpeg(dir_ / "photo.jpg", bgr.pixels.data(), bgr.width,
+                      bgr.height);
+  const std::string png = Slurp(photo_);
+  const std::string jpeg = Slurp(dir_ / "photo.jpg");
+  for (const auto& [whole, to] :
+       {std::pair{png, "cut.png"}, std::pair{jpeg, "cut.jpg"}}) {
+    tool_test::Spit(dir_ / to, whole.substr(0, whole.size() / 2));
   }
+  // A JPEG cut inside its header, and a PNG with one byte of pixel data
+  // changed, which its checksum catches.
+  tool_test::Spit(dir_ / "head.jpg", jpeg.substr(0, 100));
+  std::string damaged = png;
+  damaged[png.size() / 2] ^= 0x10;
+  tool_test::Spit(dir_ / "crc.png", damaged);
+  // Headers that claim 3.6 gigapixels.
+  tool_test::Spit(dir_ / "huge.png", tool_test::WithPngSize(png, 60000, 60000));
+  tool_test::Spit(dir_ / "huge.jpg",
+                  tool_test::WithJpegSize(jpeg, 60000, 60000));
   SaveFilled(dir_ / "small.png", 450, Layout::kGrey, 255);
   // 127 is below mid-grey: an all-127 mask marks no subject.
   SaveFilled(dir_ / "dim.png", 451, Layout::kGrey, 127);
@@ -154,6 +133,18 @@ TEST_F(SoftmatteCli, BadInputGetsOneLineStatusTwoAndWritesNothing) {
       {"cutout @empty.jpg --mask @mask", "cannot decode @empty.jpg"},
       {"cutout @cut.png --mask @mask", "cannot decode @cut.png"},
       {"cutout @cut.jpg --mask @mask", "cannot decode @cut.jpg"},
+      {"cutout @head.jpg --mask @mask", "cannot decode @head.jpg"},
+      {"cutout @crc.png --mask @mask", "cannot decode @crc.png"},
+      {"cutout @huge.png --mask @mask",
+       "@huge.png is 60000x60000 = 3600000000 pixels, more than the limit of "
+       "150000000 (--max-pixels raises it)"},
+      {"cutout @photo --mask @huge.jpg", "@huge.jpg is 60000x60000"},
+      {"cutout @photo --mask @mask --max-pixels 135299",
+       "@photo is 451x300 = 135300 pixels, more than the limit of 135299"},
+      {"cutout @photo --mask @mask --max-pixels 0",
+       "--max-pixels needs a whole number of at least 1"},
+      {"cutout @photo --mask @mask --png-level 10",
+       "--png-level needs a whole number from 0 to 9"},
       {"cutout @photo --mask @cut.png", "cannot decode @cut.png"},
       {"cutout @photo --mask @mask --background @text.png",
        "cannot decode @text.png"},
@@ -217,15 +208,17 @@ TEST_F(SoftmatteCli, BadInputGetsOneLineStatusTwoAndWritesNothing) {
   }
   EXPECT_EQ(Slurp(dir_ / "alpha.png"), Slurp(mask_));
   EXPECT_EQ(Slurp(dir_ / "composite.png"), Slurp(photo_));
-  // Nothing beside what the test made: 12 inputs, stdout and stderr.
-  EXPECT_EQ(std::distance(fs::directory_iterator(dir_), {}), 14);
+  // Nothing beside what the test made: 16 inputs, stdout and stderr.
+  EXPECT_EQ(std::distance(fs::directory_iterator(dir_), {}), 18);
 }
 
 // The demo's three files agree with each other: the foreground's fourth
 // channel is the matte, and the composite is foreground over the colour.
 TEST_F(SoftmatteCli, DemoWritesAMatchingAlphaForegroundAndComposite) {
   const fs::path out = dir_ / "demo";
-  const Outcome got = Run({"demo", "--colour", "20C040", "-o", out});
+  // The photo has exactly as many pixels as allowed.
+  const Outcome got =
+      Run({"demo", "--colour", "20C040", "--max-pixels", "135300", "-o", out});
   ASSERT_EQ(got.status, 0) << got.err;
   EXPECT_EQ(got.err, "");
   EXPECT_NE(got.out.find(out.string()), std::string::npos) << got.out;
@@ -257,65 +250,3 @@ TEST_F(SoftmatteCli, DemoWritesAMatchingAlphaForegroundAndComposite) {
 }
 
 }  // namespace
-
-// The tool times the session's stages one by one instead of calling
-// Refine; the matte and colours must stay those of a session, both with a
-// reduced working copy (and fragment removal) and without.
-TEST(Cutout, MatchesTheSessionBitForBit) {
-  const int width = 61;
-  const int height = 47;
-  const size_t count = static_cast<size_t>(width) * height;
-  std::mt19937 random(24);
-  std::vector<unsigned char> photo(3 * count);
-  std::vector<unsigned char> mask(count);
-  for (int y = 0; y < height; ++y) {
-    for (int x = 0; x < width; ++x) {
-      const size_t i = static_cast<size_t>(y) * width + x;
-      const bool inside = std::hypot(x - 30.0, y - 22.0) < 15.0;
-      // A bright blob with a speck off to the side, over a darker ramp.
-      mask[i] = inside || (x > 52 && y < 5) ? 255 : 0;
-      for (int c = 0; c < 3; ++c) {
-        const int base = inside ? 200 - 30 * c : 20 + x + 40 * c;
-        photo[3 * i + c] = static_cast<unsigned char>(base + random() % 24);
-      }
-    }
-  }
-  for (const int work_size : {1000, 30}) {
-    SCOPED_TRACE(work_size);
-    softmatte_tool::CutoutSettings settings;
-    settings.work_size = work_size;
-    settings.max_band = 4;
-    settings.band_scale = 0.3;
-    settings.keep_fragments = work_size < width ? 1 : 0;
-    std::vector<unsigned char> trimap;
-    softmatte_tool::TrimapFromMask(mask, width, height, settings, &trimap);
-    ASSERT_NE(std::count(trimap.begin(), trimap.end(), 128), 0);
-
-    std::vector<unsigned char> want(count);
-    std::vector<unsigned char> want_colours(3 * count);
-    {
-      DSCMatting session(photo.data(), width, height, 3 * width, work_size);
-      std::vector<unsigned char> flipped = trimap;
-      for (unsigned char& v : flipped) v = v == 128 ? v : 255 - v;
-      session.Refine(flipped.data(), width, height, width, want.data(), width,
-                     settings.smooth_window, settings.keep_fragments);
-      for (unsigned char& v : want) v = v == 128 ? v : 255 - v;
-      session.set_alpha(want.data(), width, height, width);
-      session.GetFImage(want_colours.data(), 3 * width, 1);
-    }
-    const long soft = std::count_if(want.begin(), want.end(),
-                                    [](int v) { return v != 0 && v != 255; });
-    EXPECT_GT(soft, 20);
-
-    std::vector<unsigned char> pixels = photo;
-    std::vector<unsigned char> alpha;
-    std::vector<unsigned char> colours;
-    softmatte_tool::StageClock clock(false);
-    softmatte_tool::MakeCutout(&pixels, width, height, &trimap, settings,
-                               &clock, &alpha, &colours);
-    EXPECT_TRUE(pixels.empty());
-    EXPECT_TRUE(trimap.empty());
-    EXPECT_EQ(alpha, want);
-    EXPECT_EQ(colours, want_colours);
-  }
-}

@@ -7,6 +7,8 @@
 #include <cstring>
 #include <memory>
 
+#include "softmatte/trimap.h"
+
 namespace softmatte_test {
 
 void FillRandom(std::vector<unsigned char>& v, uint32_t seed) {
@@ -133,6 +135,63 @@ double SadOverUnknown(const std::vector<unsigned char>& alpha,
     }
   }
   return sum / 1000.0;
+}
+
+std::vector<unsigned char> BlockyMask(const std::vector<unsigned char>& truth,
+                                      int width, int height, int factor) {
+  const int lowWidth = (width + factor - 1) / factor;
+  const int lowHeight = (height + factor - 1) / factor;
+  std::vector<long> sum(static_cast<size_t>(lowWidth) * lowHeight, 0);
+  std::vector<int> area(sum.size(), 0);
+  for (int y = 0; y < height; ++y) {
+    for (int x = 0; x < width; ++x) {
+      const size_t low = static_cast<size_t>(y / factor) * lowWidth + x / factor;
+      sum[low] += truth[static_cast<size_t>(y) * width + x];
+      ++area[low];
+    }
+  }
+  std::vector<unsigned char> mask(truth.size());
+  for (int y = 0; y < height; ++y) {
+    for (int x = 0; x < width; ++x) {
+      const size_t low = static_cast<size_t>(y / factor) * lowWidth + x / factor;
+      mask[static_cast<size_t>(y) * width + x] =
+          sum[low] >= 128L * area[low] ? 255 : 0;
+    }
+  }
+  return mask;
+}
+
+std::vector<unsigned char> MovedEdgeMask(const std::vector<unsigned char>& truth,
+                                         int width, int height, int shift) {
+  // Squared distance of every pixel to the nearest pixel of the other side:
+  // growing measures from the subject, shrinking from the background.
+  std::vector<unsigned char> far(truth.size());
+  for (size_t i = 0; i < truth.size(); ++i) {
+    const bool subject = truth[i] >= 128;
+    far[i] = subject == (shift < 0) ? 1 : 0;
+  }
+  float* distance = DPLMatting_MakeDTInput(far.data(), width, height, width);
+  DistanceTransform(distance, width, height);
+  const float reach = static_cast<float>(shift) * static_cast<float>(shift);
+  std::vector<unsigned char> mask(truth.size());
+  for (size_t i = 0; i < truth.size(); ++i) {
+    const bool subject = truth[i] >= 128;
+    mask[i] = (shift < 0 ? subject && distance[i] > reach
+                         : subject || distance[i] <= reach)
+                  ? 255
+                  : 0;
+  }
+  delete[] distance;
+  return mask;
+}
+
+double SadOverImage(const std::vector<unsigned char>& alpha,
+                    const std::vector<unsigned char>& truth) {
+  double sum = 0.0;
+  for (size_t i = 0; i < truth.size(); ++i) {
+    sum += std::abs(static_cast<int>(alpha[i]) - static_cast<int>(truth[i]));
+  }
+  return sum / 255.0 / 1000.0;
 }
 
 }  // namespace softmatte_test

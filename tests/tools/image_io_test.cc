@@ -1,0 +1,287 @@
+// The tool's image reading and writing: size limits taken from the header,
+// Exif orientation, CMYK JPEGs, and PNG round trips at every compression.
+
+#include "image_io.h"
+
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <random>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "gtest/gtest.h"
+#include "image_files.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using softmatte_tool::Layout;
+using softmatte_tool::Picture;
+using namespace tool_test;
+
+class ImageIo : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char pattern[] = "/tmp/softmatte_io_XXXXXX";
+    ASSERT_NE(mkdtemp(pattern), nullptr);
+    dir_ = pattern;
+  }
+  void TearDown() override { fs::remove_all(dir_); }
+
+  // A picture of random colours, width x height.
+  static Picture Random(int width, int height, Layout layout) {
+    const int c = softmatte_tool::ChannelsOf(layout);
+    Picture picture{width, height, c,
+                    std::vector<unsigned char>(size_t{1} * width * height * c)};
+    std::mt19937 random(width * 100 + height);
+    for (unsigned char& v : picture.pixels) v = random() & 0xFF;
+    return picture;
+  }
+
+  fs::path Png(const std::string& name, const Picture& picture, Layout layout,
+               const softmatte_tool::PngCompression& compression =
+                   softmatte_tool::PngCompressionForLevel(1)) {
+    std::string error;
+    EXPECT_TRUE(softmatte_tool::WritePngAtomically(dir_ / name, picture, layout,
+                                                   &error, compression))
+        << error;
+    return dir_ / name;
+  }
+
+  static Picture Read(
+      const fs::path& path, Layout layout,
+      long long max_pixels = softmatte_tool::kDefaultMaxPixels) {
+    Picture picture;
+    std::string error;
+    EXPECT_TRUE(
+        softmatte_tool::ReadPicture(path, layout, &picture, &error, max_pixels))
+        << error;
+    return picture;
+  }
+
+  fs::path dir_;
+};
+
+TEST_F(ImageIo, RefusesTooManyPixelsFromTheHeader) {
+  const Picture small = Random(9, 7, Layout::kBgr);
+  const std::string png = Slurp(Png("small.png", small, Layout::kBgr));
+  SaveJpeg(dir_ / "small.jpg", small.pixels.data(), 9, 7);
+  const std::string jpeg = Slurp(dir_ / "small.jpg");
+  // Decoding either would take gigabytes; the header is all that is read.
+  Spit(dir_ / "huge.png", WithPngSize(png, 60000, 60000));
+  Spit(dir_ / "huge.jpg", WithJpegSize(jpeg, 60000, 60000));
+  for (const char* name : {"huge.png", "huge.jpg"}) {
+    Picture picture;
+    std::string error;
+    EXPECT_FALSE(softmatte_tool::ReadPicture(dir_ / name, Layout::kBgr,
+                                             &picture, &error));
+    EXPECT_EQ(error, (dir_ / name).string() +
+                         " is 60000x60000 = 3600000000 pixels, more than the "
+                         "limit of 150000000 (--max-pixels raises it)");
+    EXPECT_TRUE(picture.pixels.empty());
+  }
+  // The limit counts pixels, whatever the width and height.
+  for (const char* name : {"small.png", "small.jpg"}) {
+    Picture picture;
+    std::string error;
+    EXPECT_FALSE(softmatte_tool::ReadPicture(dir_ / name, Layout::kGrey,
+                                             &picture, &error, 62));
+    EXPECT_NE(error.find("9x7 = 63 pixels, more than the limit of 62"),
+              std::string::npos)
+        << error;
+    EXPECT_EQ(Read(dir_ / name, Layout::kGrey, 63).width, 9);
+  }
+}
+
+// Where the stored first row and first column lie in the upright picture,
+// in the words of the Exif standard's table, for orientations 1 to 8.
+enum Side { kTop, kBottom, kLeft, kRight };
+constexpr std::pair<Side, Side> kSidesOf[9] = {
+    {kTop, kLeft},     {kTop, kLeft},     {kTop, kRight},
+    {kBottom, kRight}, {kBottom, kLeft},  {kLeft, kTop},
+    {kRight, kTop},    {kRight, kBottom}, {kLeft, kBottom}};
+
+// Places each stored pixel by its distance from those two sides.
+Picture UprightReference(const Picture& stored, int orientation) {
+  const auto [row_side, column_side] = kSidesOf[orientation];
+  const bool turned = row_side == kLeft || row_side == kRight;
+  Picture out{turned ? stored.height : stored.width,
+              turned ? stored.width : stored.height, stored.channels,
+              std::vector<unsigned char>(stored.pixels.size())};
+  const auto place = [&](Side side, int distance, int* x, int* y) {
+    if (side == kTop) *y = distance;
+    if (side == kBottom) *y = out.height - 1 - distance;
+    if (side == kLeft) *x = distance;
+    if (side == kRight) *x = out.width - 1 - distance;
+  };
+  for (int sy = 0; sy < stored.height; ++sy) {
+    for (int sx = 0; sx < stored.width; ++sx) {
+      int x = 0, y = 0;
+      place(row_side, sy, &x, &y);
+      place(column_side, sx, &x, &y);
+      for (int c = 0; c < stored.channels; ++c) {
+        out.pixels[(size_t{1} * y * out.width + x) * out.channels + c] =
+            stored
+                .pixels[(size_t{1} * sy * stored.width + sx) * stored.channels +
+                        c];
+      }
+    }
+  }
+  return out;
+}
+
+// A TIFF header and a first directory holding an image width and then the
+// orientation, in Intel (II) or Motorola (MM) byte order.
+std::string Tiff(bool motorola, int orientation) {
+  std::string out = motorola ? "MM" : "II";
+  const auto put = [&](uint32_t value, int bytes) {
+    std::string big = BigEndian(value, bytes);
+    out += motorola ? big : std::string(big.rbegin(), big.rend());
+  };
+  put(42, 2), put(8, 4), put(2, 2);
+  put(0x0100, 2), put(3, 2), put(1, 4), put(640, 2), put(0, 2);
+  put(0x0112, 2), put(3, 2), put(1, 4), put(orientation, 2), put(0, 2);
+  put(0, 4);
+  return out;
+}
+
+const std::string kExif("Exif\0\0", 6);
+
+TEST_F(ImageIo, TurnsPhotosUprightByTheirExifOrientation) {
+  const Picture stored = Random(5, 3, Layout::kBgr);
+  SaveJpeg(dir_ / "plain.jpg", stored.pixels.data(), 5, 3);
+  const std::string png = Slurp(Png("plain.png", stored, Layout::kBgr));
+  // Random colours survive quality 100 within a few steps, in each layout.
+  for (Layout layout : {Layout::kBgr, Layout::kBgra, Layout::kRgba}) {
+    const Picture jpeg = Read(dir_ / "plain.jpg", layout);
+    const Picture exact = Read(dir_ / "plain.png", layout);
+    ASSERT_EQ(jpeg.pixels.size(), exact.pixels.size());
+    for (size_t i = 0; i < jpeg.pixels.size(); ++i) {
+      EXPECT_NEAR(jpeg.pixels[i], exact.pixels[i], 3) << "byte " << i;
+    }
+  }
+  // The same compressed pixels with an Exif block decode to the same stored
+  // pixels, which the block then only moves.
+  const auto check = [&](const std::string& tiff, int want) {
+    SaveJpeg(dir_ / "turned.jpg", stored.pixels.data(), 5, 3, kExif + tiff);
+    Spit(dir_ / "turned.png", WithPngChunk(png, PngChunk("eXIf", tiff)));
+    for (const char* kind : {"jpg", "png"}) {
+      for (Layout layout : {Layout::kGrey, Layout::kBgr, Layout::kRgba}) {
+        const Picture plain =
+            Read(dir_ / ("plain." + std::string(kind)), layout);
+        const Picture got =
+            Read(dir_ / ("turned." + std::string(kind)), layout);
+        const Picture expected = UprightReference(plain, want);
+        ASSERT_EQ(got.width, expected.width) << kind;
+        ASSERT_EQ(got.height, expected.height) << kind;
+        ASSERT_EQ(got.pixels, expected.pixels) << kind;
+      }
+    }
+  };
+  for (int orientation = 1; orientation <= 8; ++orientation) {
+    for (bool motorola : {false, true}) {
+      SCOPED_TRACE("orientation " + std::to_string(orientation) +
+                   (motorola ? " MM" : " II"));
+      check(Tiff(motorola, orientation), orientation);
+    }
+  }
+  // Broken blocks are ignored, never read beyond their end.
+  std::string wrong_order = Tiff(false, 6);
+  wrong_order[0] = wrong_order[1] = 'M';
+  std::string far_directory = Tiff(true, 6);
+  far_directory.replace(4, 4, "\xFF\xFF\xFF\xF0");
+  std::string many_entries = Tiff(false, 6);
+  many_entries.replace(8, 2, "\xFF\xFF");
+  const std::string broken[] = {"",
+                                Tiff(false, 6).substr(0, 7),
+                                Tiff(false, 6).substr(0, 9),
+                                Tiff(true, 6).substr(0, 32),
+                                many_entries.substr(0, 22),
+                                far_directory,
+                                wrong_order,
+                                "IIxx" + Tiff(false, 6).substr(4),
+                                Tiff(true, 0),
+                                Tiff(false, 9)};
+  for (const std::string& tiff : broken) {
+    SCOPED_TRACE(testing::PrintToString(tiff));
+    check(tiff, 1);
+  }
+}
+
+// Ink to light as the plain subtractive model has it.
+int Light(int ink, int black) {
+  return ((255 - ink) * (255 - black) + 127) / 255;
+}
+
+TEST_F(ImageIo, ConvertsCmykAndYcckJpegsToRgb) {
+  // Flat 8x8 blocks of C, M, Y, K ink.
+  const unsigned char inks[][4] = {{0, 0, 0, 0},       {255, 0, 0, 0},
+                                   {0, 128, 255, 64},  {40, 200, 30, 0},
+                                   {90, 10, 160, 200}, {0, 0, 0, 255}};
+  const int count = sizeof inks / sizeof inks[0];
+  const int width = 8 * count;
+  const struct {
+    J_COLOR_SPACE stored;
+    bool adobe;
+  } kinds[] = {{JCS_CMYK, false}, {JCS_CMYK, true}, {JCS_YCCK, true}};
+  for (const auto& kind : kinds) {
+    SCOPED_TRACE(std::string(kind.stored == JCS_CMYK ? "CMYK" : "YCCK") +
+                 (kind.adobe ? " with" : " without") + " the Adobe marker");
+    // Photoshop's files, those with the Adobe marker, store 255 for no ink.
+    std::vector<unsigned char> cmyk(4 * width * 8);
+    for (size_t i = 0; i < cmyk.size(); ++i) {
+      const int ink = inks[i / 4 % width / 8][i % 4];
+      cmyk[i] = static_cast<unsigned char>(kind.adobe ? 255 - ink : ink);
+    }
+    SaveJpeg(dir_ / "ink.jpg", cmyk.data(), width, 8, "", JCS_CMYK, kind.stored,
+             kind.adobe);
+    const Picture bgr = Read(dir_ / "ink.jpg", Layout::kBgr);
+    const Picture grey = Read(dir_ / "ink.jpg", Layout::kGrey);
+    ASSERT_EQ(bgr.width, width);
+    for (int block = 0; block < count; ++block) {
+      const unsigned char* ink = inks[block];
+      const int rgb[3] = {Light(ink[0], ink[3]), Light(ink[1], ink[3]),
+                          Light(ink[2], ink[3])};
+      const size_t at = 4 * width + 8 * block + 4;
+      for (int c = 0; c < 3; ++c) {
+        EXPECT_NEAR(bgr.pixels[3 * at + c], rgb[2 - c], 3) << "block " << block;
+      }
+      EXPECT_NEAR(grey.pixels[at],
+                  0.299 * rgb[0] + 0.587 * rgb[1] + 0.114 * rgb[2], 3)
+          << "block " << block;
+    }
+  }
+}
+
+TEST_F(ImageIo, PngsReadBackExactlyAtEveryCompression) {
+  // Smooth waves, compressible like a photo.
+  Picture waves = Random(301, 67, Layout::kBgra);
+  for (size_t i = 0; i < waves.pixels.size(); ++i) {
+    const double x = i / 4 % 301, y = i / 4 / 301;
+    waves.pixels[i] = static_cast<unsigned char>(
+        128 + 100 * std::sin(x / (9 + i % 4)) * std::cos(y / 7));
+  }
+  std::vector<uintmax_t> sizes;
+  for (int level : {0, 1, 9}) {
+    const auto compression = softmatte_tool::PngCompressionForLevel(level);
+    for (Layout layout :
+         {Layout::kGrey, Layout::kBgr, Layout::kBgra, Layout::kRgba}) {
+      SCOPED_TRACE("level " + std::to_string(level) + " channels " +
+                   std::to_string(softmatte_tool::ChannelsOf(layout)));
+      const Picture odd = Random(37, 23, layout);
+      EXPECT_EQ(Read(Png("odd.png", odd, layout, compression), layout).pixels,
+                odd.pixels);
+    }
+    sizes.push_back(
+        fs::file_size(Png("waves.png", waves, Layout::kBgra, compression)));
+    EXPECT_EQ(Read(dir_ / "waves.png", Layout::kBgra).pixels, waves.pixels);
+  }
+  // Stored, quick, small: each level does compress more.
+  EXPECT_GT(sizes[0], sizes[1]);
+  EXPECT_GT(sizes[1], sizes[2]);
+}
+
+}  // namespace
