@@ -121,7 +121,8 @@ void DropLooseBlocks(const unsigned char* image, int width, int height,
   std::vector<unsigned char> value(count);
   for (size_t i = 0; i < seg.size(); ++i) value[labels[i]] = seg[i];
   for (int l = 0; l < count; ++l) {
-    if (value[l] != 0 && (subject < 0 || pieces[l].area > pieces[subject].area)) {
+    if (value[l] != 0 &&
+        (subject < 0 || pieces[l].area > pieces[subject].area)) {
       subject = l;
     }
   }
@@ -240,8 +241,8 @@ int TrimapFromGuide(const unsigned char* image, int width, int height,
   int max_band = options.max_band;
   if (options.coarse_band != 0) {
     // A coarse mask's edge is off by up to about its run length.
-    max_band = std::max(max_band, EdgeRunLength(seg, width, height) *
-                                      options.coarse_band / 2);
+    max_band = std::max(
+        max_band, EdgeRunLength(seg, width, height) * options.coarse_band / 2);
   }
   if (options.edge_contrast != 0) {
     MakeTrimapFromSegRes(
