@@ -1,13 +1,17 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <cstring>
 #include <random>
 #include <vector>
 
+#include "colour/fb_color.h"
+#include "peak_memory.h"
 #include "softmatte/colour.h"
 #include "softmatte/ff/ipf.h"
+#include "test_util.h"
 
 namespace {
 
@@ -72,6 +76,42 @@ const Scene& WorkingSize() {
   return scene;
 }
 
+// An alphamatting photo and its ground-truth alpha, both stretched to 12
+// megapixels (bilinear): real colours and a real soft band, five times as
+// wide as in the photo. Empty when the photos are not beside the project.
+const Scene& RealPhoto12MP() {
+  static const Scene scene = [] {
+    Scene s;
+    softmatte_test::MattingSample sample;
+    if (!softmatte_test::LoadMattingSample(1, false, &sample)) return s;
+    s.width = 4032;
+    s.height = 3024;
+    const size_t pixels = static_cast<size_t>(s.width) * s.height;
+    s.image.resize(pixels * 3);
+    s.alpha.resize(pixels);
+    s.label.resize(pixels);
+    const softmatte_test::Image& in = sample.image;
+    const softmatte_test::Image& truth = sample.truth;
+    ff::ipf_resize_bl(in.pixels.data(), in.width, in.height, in.width * 3, 3,
+                      s.image.data(), s.width, s.height, s.width * 3, 3, 3);
+    ff::ipf_resize_bl(truth.pixels.data(), truth.width, truth.height,
+                      truth.width, 1, s.alpha.data(), s.width, s.height,
+                      s.width, 1, 1);
+    for (size_t i = 0; i < pixels; ++i) {
+      s.label[i] = s.alpha[i] > 253 ? 2 : s.alpha[i] < 1 ? 1 : 0;
+    }
+    return s;
+  }();
+  return scene;
+}
+
+double BandShare(const Scene& s) {
+  size_t band = 0;
+  for (unsigned char l : s.label) band += l == 0;
+  return 100.0 * static_cast<double>(band) /
+         static_cast<double>(s.label.size());
+}
+
 // What the session asks for: foreground only, thresholds 1 and 253.
 void RunForeground(benchmark::State& state, const Scene& s) {
   std::vector<unsigned char> fg(s.image.size());
@@ -81,11 +121,65 @@ void RunForeground(benchmark::State& state, const Scene& s) {
                           nullptr, 0, 1, 253);
     benchmark::DoNotOptimize(fg.data());
   }
-  size_t band = 0;
-  for (unsigned char l : s.label) band += l == 0;
-  state.counters["band_share_%"] =
-      100.0 * static_cast<double>(band) / static_cast<double>(s.label.size());
+  state.counters["band_share_%"] = BandShare(s);
   state.SetItemsProcessed(state.iterations() * s.width * s.height);
+}
+
+// The same bytes from the band-only worker.
+void RunForegroundBand(benchmark::State& state, const Scene& s) {
+  std::vector<unsigned char> fg(s.image.size());
+  for (auto _ : state) {
+    estimate_foreground_band(s.image.data(), s.width, s.height, s.width * 3,
+                             s.alpha.data(), s.width, fg.data(), s.width * 3, 1,
+                             253);
+    benchmark::DoNotOptimize(fg.data());
+  }
+  state.counters["band_share_%"] = BandShare(s);
+  state.SetItemsProcessed(state.iterations() * s.width * s.height);
+}
+
+// Both workers on one input in the same run: their times, the ratio, the
+// peak memory each adds, and whether the bytes agree (1) or not (0).
+void CompareBandWithFull(benchmark::State& state, const Scene& s) {
+  if (s.image.empty()) {
+    state.SkipWithError("alphamatting photos not found beside the project");
+    return;
+  }
+  const int w = s.width;
+  const int h = s.height;
+  auto full = [&](unsigned char* out) {
+    mat_estimate_fb_color(s.image.data(), w, h, w * 3, s.alpha.data(), w, out,
+                          w * 3, nullptr, 0, 1, 253);
+  };
+  auto band = [&](unsigned char* out) {
+    estimate_foreground_band(s.image.data(), w, h, w * 3, s.alpha.data(), w,
+                             out, w * 3, 1, 253);
+  };
+  std::vector<unsigned char> fullOut(s.image.size());
+  std::vector<unsigned char> bandOut(s.image.size(), 1);
+  using Clock = std::chrono::steady_clock;
+  double fullSeconds = 0;
+  double bandSeconds = 0;
+  for (auto _ : state) {
+    const auto t0 = Clock::now();
+    full(fullOut.data());
+    const auto t1 = Clock::now();
+    band(bandOut.data());
+    const auto t2 = Clock::now();
+    fullSeconds += std::chrono::duration<double>(t1 - t0).count();
+    bandSeconds += std::chrono::duration<double>(t2 - t1).count();
+    benchmark::DoNotOptimize(bandOut.data());
+  }
+  const double n = static_cast<double>(state.iterations());
+  state.counters["full_ms"] = 1e3 * fullSeconds / n;
+  state.counters["band_ms"] = 1e3 * bandSeconds / n;
+  state.counters["full_per_band"] = fullSeconds / bandSeconds;
+  state.counters["identical"] = fullOut == bandOut ? 1 : 0;
+  state.counters["full_peak_MB"] =
+      softmatte_bench::PeakGrowthMB(s.image.size(), full);
+  state.counters["band_peak_MB"] =
+      softmatte_bench::PeakGrowthMB(s.image.size(), band);
+  state.counters["band_share_%"] = BandShare(s);
 }
 
 void BM_mat_estimate_fb_color_working_size(benchmark::State& state) {
@@ -99,6 +193,36 @@ void BM_mat_estimate_fb_color_12MP(benchmark::State& state) {
 BENCHMARK(BM_mat_estimate_fb_color_12MP)
     ->Unit(benchmark::kMillisecond)
     ->Iterations(3);
+
+void BM_estimate_foreground_band_working_size(benchmark::State& state) {
+  RunForegroundBand(state, WorkingSize());
+}
+BENCHMARK(BM_estimate_foreground_band_working_size)
+    ->Unit(benchmark::kMillisecond);
+
+void BM_estimate_foreground_band_12MP(benchmark::State& state) {
+  RunForegroundBand(state, Photo12MP());
+}
+BENCHMARK(BM_estimate_foreground_band_12MP)->Unit(benchmark::kMillisecond);
+
+void BM_fb_color_band_vs_full_working_size(benchmark::State& state) {
+  CompareBandWithFull(state, WorkingSize());
+}
+BENCHMARK(BM_fb_color_band_vs_full_working_size)->Unit(benchmark::kMillisecond);
+
+void BM_fb_color_band_vs_full_12MP(benchmark::State& state) {
+  CompareBandWithFull(state, Photo12MP());
+}
+BENCHMARK(BM_fb_color_band_vs_full_12MP)
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(2);
+
+void BM_fb_color_band_vs_full_real_12MP(benchmark::State& state) {
+  CompareBandWithFull(state, RealPhoto12MP());
+}
+BENCHMARK(BM_fb_color_band_vs_full_real_12MP)
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(2);
 
 // The band-width stage on its own: two chamfer transforms of the label map.
 void BM_fb_color_distance_fields_12MP(benchmark::State& state) {

@@ -109,8 +109,8 @@ std::vector<unsigned char> NoisyBlockyMask(
     int factor);
 // Moved: truth >= 128 with its edge moved out (shift > 0) or in (shift < 0)
 // by |shift| pixels, in Euclidean distance.
-std::vector<unsigned char> MovedEdgeMask(const std::vector<unsigned char>& truth,
-                                         int width, int height, int shift);
+std::vector<unsigned char> MovedEdgeMask(
+    const std::vector<unsigned char>& truth, int width, int height, int shift);
 
 // Sum over every pixel of |alpha - truth| / 255, in thousands.
 double SadOverImage(const std::vector<unsigned char>& alpha,

@@ -188,9 +188,10 @@ int main(int argc, char** argv) {
   }
   if (count == 0) return 2;
 
-  std::printf("\nmean SAD (thousands) over %d photos: whole image / in the "
-              "set's unknown band\n\n|",
-              count);
+  std::printf(
+      "\nmean SAD (thousands) over %d photos: whole image / in the "
+      "set's unknown band\n\n|",
+      count);
   for (const Axis& axis : axes) std::printf(" %s |", axis.name.c_str());
   for (const std::string& family : families) {
     std::printf(" %s |", family.c_str());

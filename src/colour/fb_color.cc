@@ -9,6 +9,7 @@
 #include <limits>
 #include <memory>
 
+#include "colour/fb_color_steps.h"
 #include "softmatte/colour.h"
 #include "softmatte/ff/fvt_image.h"
 #include "softmatte/ff/ipf.h"
@@ -21,19 +22,12 @@
 
 namespace {
 
-constexpr unsigned char kUnknown = 0;
-constexpr unsigned char kBackground = 1;
-constexpr unsigned char kForeground = 2;
-constexpr int kEnoughSamples = 100;
-constexpr int kWindowNeighbours = 24;  // 5 x 5 without its centre
-// Levels are halved only while both sides stay at least this long.
-constexpr int kMinHalvedSide = 17;
-constexpr unsigned short kDistanceScale = 100;
-constexpr unsigned int kUnreachedDistance = 10000000;
+using fb_color::Buffer;
+using fb_color::kBackground;
+using fb_color::kForeground;
+using fb_color::kUnknown;
+using fb_color::kWindowNeighbours;
 constexpr int kLabelBlock = 16;
-
-template <typename T>
-using Buffer = std::unique_ptr<T[]>;
 
 #ifdef SOFTMATTE_FB_COLOR_STAGE_TIMES
 // Benchmark builds only: per-call split of the thread's CPU time between the
@@ -108,227 +102,42 @@ inline int NextUnknown(const unsigned char* row, int x, int width) {
              : static_cast<int>(static_cast<const unsigned char*>(hit) - row);
 }
 
-// Integer mean per channel, truncated.
-void MeanColour(const unsigned char* const* samples, int count,
-                unsigned char* out) {
-  int64_t sum[3] = {0, 0, 0};
-  for (int i = 0; i < count; ++i) {
-    for (int c = 0; c < 3; ++c) sum[c] += samples[i][c];
-  }
-  for (int c = 0; c < 3; ++c) {
-    out[c] = static_cast<unsigned char>(sum[c] / count);
-  }
-}
-
-// How far the composite of f over b at alpha a lands from the observed i.
-inline int CompositeError(const unsigned char* f, int a, const unsigned char* b,
-                          const unsigned char* i) {
-  int error = 0;
-  for (int c = 0; c < 3; ++c) {
-    const int d = (f[c] * a + (255 - a) * b[c]) / 255 - i[c];
-    error += d * d;
-  }
-  return error;
-}
-
-// The first sample of least composite error: ties keep the earlier one.
-const unsigned char* BestForeground(const unsigned char* const* samples,
-                                    int count, int a, const unsigned char* b,
-                                    const unsigned char* i) {
-  const unsigned char* best = nullptr;
-  int bestError = std::numeric_limits<int>::max();
-  for (int k = 0; k < count; ++k) {
-    const int error = CompositeError(samples[k], a, b, i);
-    if (error < bestError) {
-      bestError = error;
-      best = samples[k];
-    }
-  }
-  return best;
-}
-
-// Known samples around one pixel of a level. When either class has fewer
-// than kEnoughSamples pixels on the level the search never stops early and
-// every ring search returns the whole level in ring order; that case is
-// answered from full lists prepared once instead of scanning the level for
-// each pixel.
-class RingSampler {
+// A level's label and colour planes as the ring search reads them.
+class DenseLevelView {
  public:
-  RingSampler(const unsigned char* label, int labelStride,
-              const unsigned char* colour, int colourStride, int width,
-              int height)
+  struct Row {
+    const unsigned char* label;
+    const unsigned char* colour;
+    unsigned char Label(int x) const { return label[x]; }
+    const unsigned char* Colour(int x) const {
+      return colour + static_cast<ptrdiff_t>(x) * 3;
+    }
+  };
+  DenseLevelView(const unsigned char* label, int labelStride,
+                 const unsigned char* colour, int colourStride, int width,
+                 int height)
       : label_(label),
         labelStride_(labelStride),
         colour_(colour),
         colourStride_(colourStride),
         width_(width),
-        height_(height) {
-    int64_t backgroundCount = 0;
-    int64_t foregroundCount = 0;
-    CountKnown(label, labelStride, width, height, &backgroundCount,
-               &foregroundCount);
-    exhaustive_ =
-        backgroundCount < kEnoughSamples || foregroundCount < kEnoughSamples;
-    const size_t capacity = exhaustive_ ? static_cast<size_t>(foregroundCount)
-                                        : static_cast<size_t>(width) * height;
-    fg_.reset(new const unsigned char*[capacity > 0 ? capacity : 1]);
-    if (!exhaustive_) {
-      bg_.reset(new const unsigned char*[capacity > 0 ? capacity : 1]);
-      return;
-    }
-    // Full lists: the background mean does not depend on order; the
-    // foreground keeps coordinates to restore ring order on ties.
-    fgX_.reset(new int[capacity > 0 ? capacity : 1]);
-    fgY_.reset(new int[capacity > 0 ? capacity : 1]);
-    int64_t sum[3] = {0, 0, 0};
-    for (int y = 0; y < height; ++y) {
-      const unsigned char* row =
-          label + static_cast<ptrdiff_t>(y) * labelStride;
-      for (int x = 0; x < width; ++x) {
-        const unsigned char* p = At(colour, colourStride, x, y, 3);
-        if (row[x] == kBackground) {
-          for (int c = 0; c < 3; ++c) sum[c] += p[c];
-        } else if (row[x] == kForeground) {
-          fg_[fgCount_] = p;
-          fgX_[fgCount_] = x;
-          fgY_[fgCount_] = y;
-          ++fgCount_;
-        }
-      }
-    }
-    bgCount_ = static_cast<int>(backgroundCount);
-    for (int c = 0; c < 3; ++c) {
-      bgMean_[c] =
-          bgCount_ > 0 ? static_cast<unsigned char>(sum[c] / bgCount_) : 0;
-    }
-  }
-
-  // Searches around (x, y); afterwards the *Count() and accessors describe
-  // what the ring search found.
-  void collect_ring_samples(int x, int y) {
-    cx_ = x;
-    cy_ = y;
-    if (exhaustive_) return;
-    bgCount_ = 0;
-    fgCount_ = 0;
-    for (int r = 1;; ++r) {
-      bool inside = false;
-      if (y - r >= 0) {
-        inside |= VisitRow(y - r, std::max(x - r, 0),
-                           std::min(x + r - 1, width_ - 1));
-      }
-      if (x + r < width_) {
-        inside |= VisitColumn(x + r, std::max(y - r, 0),
-                              std::min(y + r - 1, height_ - 1));
-      }
-      if (y + r < height_) {
-        inside |= VisitRow(y + r, std::max(x - r + 1, 0),
-                           std::min(x + r, width_ - 1));
-      }
-      if (x - r >= 0) {
-        inside |= VisitColumn(x - r, std::max(y - r + 1, 0),
-                              std::min(y + r, height_ - 1));
-      }
-      if (!inside) break;
-      if (bgCount_ >= kEnoughSamples && fgCount_ >= kEnoughSamples) break;
-    }
-  }
-
-  int BackgroundCount() const { return bgCount_; }
-  int ForegroundCount() const { return fgCount_; }
-
-  void BackgroundMean(unsigned char* out) const {
-    if (exhaustive_) {
-      std::memcpy(out, bgMean_, 3);
-    } else {
-      MeanColour(bg_.get(), bgCount_, out);
-    }
-  }
-
-  // The foreground sample of least composite error, earliest in ring order
-  // among equals; null when there is none.
-  const unsigned char* BestForegroundSample(int a, const unsigned char* b,
-                                            const unsigned char* i) const {
-    if (!exhaustive_) return BestForeground(fg_.get(), fgCount_, a, b, i);
-    const unsigned char* best = nullptr;
-    int bestError = std::numeric_limits<int>::max();
-    int64_t bestOrder = 0;
-    for (int k = 0; k < fgCount_; ++k) {
-      const int error = CompositeError(fg_[k], a, b, i);
-      if (error > bestError) continue;
-      const int64_t order = RingOrder(fgX_[k] - cx_, fgY_[k] - cy_);
-      if (error < bestError || order < bestOrder) {
-        bestError = error;
-        bestOrder = order;
-        best = fg_[k];
-      }
-    }
-    return best;
+        height_(height) {}
+  int width() const { return width_; }
+  int height() const { return height_; }
+  Row RowAt(int y) const {
+    return {label_ + static_cast<ptrdiff_t>(y) * labelStride_,
+            colour_ + static_cast<ptrdiff_t>(y) * colourStride_};
   }
 
  private:
-  bool VisitRow(int y, int x0, int x1) {
-    if (x0 > x1) return false;
-    const unsigned char* labels =
-        label_ + static_cast<ptrdiff_t>(y) * labelStride_;
-    for (int x = x0; x <= x1; ++x) Take(labels[x], x, y);
-    return true;
-  }
-  bool VisitColumn(int x, int y0, int y1) {
-    if (y0 > y1) return false;
-    for (int y = y0; y <= y1; ++y) {
-      Take(label_[static_cast<ptrdiff_t>(y) * labelStride_ + x], x, y);
-    }
-    return true;
-  }
-  void Take(unsigned char label, int x, int y) {
-    if (label == kBackground) {
-      bg_[bgCount_++] = At(colour_, colourStride_, x, y, 3);
-    } else if (label == kForeground) {
-      fg_[fgCount_++] = At(colour_, colourStride_, x, y, 3);
-    }
-  }
-
-  // Position of offset (dx, dy) in the visiting order: ring, then side (top,
-  // right, bottom, left), then coordinate along the side.
-  static int64_t RingOrder(int dx, int dy) {
-    const int r = std::max(std::abs(dx), std::abs(dy));
-    int side;
-    int along;
-    if (dy == -r && dx < r) {
-      side = 0;
-      along = dx;
-    } else if (dx == r && dy < r) {
-      side = 1;
-      along = dy;
-    } else if (dy == r && dx > -r) {
-      side = 2;
-      along = dx;
-    } else {
-      side = 3;
-      along = dy;
-    }
-    return (static_cast<int64_t>(r) * 4 + side) * (int64_t{1} << 32) + along +
-           (int64_t{1} << 31);
-  }
-
   const unsigned char* label_;
   int labelStride_;
   const unsigned char* colour_;
   int colourStride_;
   int width_;
   int height_;
-  bool exhaustive_ = false;
-  Buffer<const unsigned char*> bg_;
-  Buffer<const unsigned char*> fg_;
-  Buffer<int> fgX_;
-  Buffer<int> fgY_;
-  int bgCount_ = 0;
-  int fgCount_ = 0;
-  unsigned char bgMean_[3] = {0, 0, 0};
-  int cx_ = 0;
-  int cy_ = 0;
 };
+using RingSampler = fb_color::RingSampler<DenseLevelView>;
 
 void LabelRows(const unsigned char* alpha, int alphaStride, int width, int y0,
                int y1, unsigned char low, unsigned char high,
@@ -397,7 +206,10 @@ void ChooseCoarsestLevel(const unsigned char* label, int width, int height,
         }
       }
     }
-    if (bracketed || h < kMinHalvedSide || w < kMinHalvedSide) break;
+    if (bracketed || h < fb_color::kMinHalvedSide ||
+        w < fb_color::kMinHalvedSide) {
+      break;
+    }
     w >>= 1;
     h >>= 1;
   }
@@ -406,8 +218,9 @@ void ChooseCoarsestLevel(const unsigned char* label, int width, int height,
 }
 
 void SolveCoarseLevel(_LevelData& level) {
-  RingSampler sampler(level.label, level.label_stride, level.image,
-                      level.image_stride, level.width, level.height);
+  RingSampler sampler(DenseLevelView(level.label, level.label_stride,
+                                     level.image, level.image_stride,
+                                     level.width, level.height));
   for (int y = 0; y < level.height; ++y) {
     for (int x = 0; x < level.width; ++x) {
       if (level.label[static_cast<ptrdiff_t>(y) * level.label_stride + x] !=
@@ -429,16 +242,7 @@ void SolveCoarseLevel(_LevelData& level) {
   }
 }
 
-// Bilinear source positions of one axis of the transfer.
-struct AxisTable {
-  Buffer<int> index;
-  Buffer<float> frac;
-  AxisTable(int coarse, int fine)
-      : index(new int[fine > 0 ? fine : 1]),
-        frac(new float[fine > 0 ? fine : 1]) {
-    ff::ipf_calc_resize_tab_bl(coarse, fine, index.get(), frac.get(), 1);
-  }
-};
+using fb_color::AxisTable;
 
 // Carries one colour plane up a level. Coarse pixels of the excluded class
 // (the other layer's known pixels) get no weight where a neighbour of the
@@ -450,8 +254,9 @@ void upsample_level_color(const _LevelData& coarse,
                           int fineStride, unsigned char excluded,
                           const AxisTable& xs, const AxisTable& ys) {
   const bool isBackground = excluded == kForeground;
-  RingSampler sampler(coarse.label, coarse.label_stride, coarsePlane,
-                      coarseStride, coarse.width, coarse.height);
+  RingSampler sampler(DenseLevelView(coarse.label, coarse.label_stride,
+                                     coarsePlane, coarseStride, coarse.width,
+                                     coarse.height));
   for (int y = 0; y < fine.height; ++y) {
     const int iy = ys.index[y];
     const float ty = ys.frac[y];
@@ -463,47 +268,19 @@ void upsample_level_color(const _LevelData& coarse,
     for (int x = NextUnknown(fineLabels, 0, fine.width); x < fine.width;
          x = NextUnknown(fineLabels, x + 1, fine.width)) {
       const int ix = xs.index[x];
-      const float tx = xs.frac[x];
-      const bool e00 = labelTop[ix] == excluded;
-      const bool e10 = labelTop[ix + 1] == excluded;
-      const bool e01 = labelBottom[ix] == excluded;
-      const bool e11 = labelBottom[ix + 1] == excluded;
-      unsigned char* out = At(finePlane, fineStride, x, y, 3);
-      float wt = e00 == e10 ? tx : e00 ? 1.0f : 0.0f;
-      float wb = e01 == e11 ? tx : e01 ? 1.0f : 0.0f;
-      float wv;
-      if (!(e01 && e11)) {
-        wv = (e00 && e10) ? 1.0f : ty;
-      } else if (!(e00 && e10)) {
-        wv = 0.0f;
-      } else {
-        sampler.collect_ring_samples(ix, iy);
-        if (isBackground && sampler.BackgroundCount() > 0) {
-          sampler.BackgroundMean(out);
-          continue;
-        }
-        if (!isBackground && sampler.ForegroundCount() > 0) {
-          const int a =
-              fine.alpha[static_cast<ptrdiff_t>(y) * fine.alpha_stride + x];
-          const unsigned char* b =
-              At(fine.background, fine.background_stride, x, y, 3);
-          const unsigned char* f = sampler.BestForegroundSample(a, b, out);
-          std::memcpy(out, f, 3);
-          continue;
-        }
-        wt = tx;
-        wv = 0.0f;
-      }
       const unsigned char* p00 = At(coarsePlane, coarseStride, ix, iy, 3);
-      const unsigned char* p10 = p00 + 3;
       const unsigned char* p01 = p00 + coarseStride;
-      const unsigned char* p11 = p01 + 3;
-      for (int c = 0; c < 3; ++c) {
-        const float top = p00[c] + wt * (p10[c] - p00[c]);
-        const float bottom = p01[c] + wb * (p11[c] - p01[c]);
-        const float v = top + wv * (bottom - top);
-        out[c] = static_cast<unsigned char>(static_cast<int>(v));
-      }
+      const auto search = [&]() -> const RingSampler& {
+        sampler.collect_ring_samples(ix, iy);
+        return sampler;
+      };
+      fb_color::TransferPixel(
+          isBackground, labelTop[ix] == excluded, labelTop[ix + 1] == excluded,
+          labelBottom[ix] == excluded, labelBottom[ix + 1] == excluded,
+          xs.frac[x], ty, p00, p00 + 3, p01, p01 + 3, search,
+          fine.alpha[static_cast<ptrdiff_t>(y) * fine.alpha_stride + x],
+          At(fine.background, fine.background_stride, x, y, 3),
+          At(finePlane, fineStride, x, y, 3));
     }
   }
 }
@@ -541,107 +318,50 @@ void CorrectWithWindow(_LevelData& level) {
         nb += l == kBackground;
         nf += l == kForeground;
       }
-      unsigned char* b = At(level.background, level.background_stride, x, y, 3);
-      if (nb > 0) MeanColour(bg, nb, b);
-      if (nf > 0) {
-        const int a =
-            level.alpha[static_cast<ptrdiff_t>(y) * level.alpha_stride + x];
-        const unsigned char* i = At(level.image, level.image_stride, x, y, 3);
-        std::memcpy(At(level.foreground, level.foreground_stride, x, y, 3),
-                    BestForeground(fg, nf, a, b, i), 3);
-      }
+      fb_color::CorrectFromWindow(
+          bg, nb, fg, nf,
+          level.alpha[static_cast<ptrdiff_t>(y) * level.alpha_stride + x],
+          At(level.image, level.image_stride, x, y, 3),
+          At(level.background, level.background_stride, x, y, 3),
+          At(level.foreground, level.foreground_stride, x, y, 3));
     }
   }
 }
 
-struct BandWidth {
-  int64_t lower;
-  int64_t upper;
-};
-
-// Typical width of the unknown band: the median of the per-pixel widths
-// (capped at the longest one seen), the weight then fading out up to two and
-// a half times that.
 // The pixels measured are those with low <= alpha <= high, that is the
 // unknown labels.
-BandWidth MeasureBand(const unsigned int* toFg, const unsigned int* toBg,
-                      const unsigned char* label, int width, int height) {
-  const int64_t diagonal =
-      static_cast<int64_t>(std::sqrt(static_cast<double>(width) * width +
-                                     static_cast<double>(height) * height));
-  const int64_t bins = std::max<int64_t>(diagonal, 1024);
-  Buffer<int64_t> histogram(new int64_t[bins]());
-  int64_t count = 0;
-  int64_t longest = 0;
+fb_color::BandWidth MeasureBand(const unsigned int* toFg,
+                                const unsigned int* toBg,
+                                const unsigned char* label, int width,
+                                int height) {
+  fb_color::BandHistogram histogram(width, height);
   for (int y = 0; y < height; ++y) {
     const size_t row = static_cast<size_t>(y) * width;
     const unsigned char* labels = label + row;
     for (int x = NextUnknown(labels, 0, width); x < width;
          x = NextUnknown(labels, x + 1, width)) {
-      const int64_t n = (toFg[row + x] + toBg[row + x]) / kDistanceScale;
-      if (n >= bins) continue;
-      ++histogram[n];
-      ++count;
-      longest = std::max(longest, n);
+      histogram.Add(fb_color::BandWidthAt(toFg[row + x], toBg[row + x]));
     }
   }
-  // Counts the bin where half is reached too: one past the median bin.
-  int64_t median = 0;
-  if (count >= 2) {
-    int64_t k = count >> 1;
-    while (k > 0) k -= histogram[median++];
-  }
-  BandWidth band;
-  band.lower = std::min(longest, median);
-  band.upper = std::min(longest, (5 * band.lower) / 2) + 1;
-  return band;
-}
-
-// Float to byte as the conversion instruction of either target does for
-// values in range; a NaN (alpha 0 with low = 0) becomes 0.
-inline unsigned char TruncateToByte(float v) {
-  if (!(v == v)) return 0;
-  if (v >= 2147483648.0f || v < -2147483648.0f) return 0;
-  return static_cast<unsigned char>(static_cast<int>(v));
+  return histogram.Result();
 }
 
 void CorrectRows(const unsigned char* image, int imageStride,
                  const unsigned char* alpha, int alphaStride,
                  const unsigned char* label, int width, int y0, int y1,
                  const unsigned int* toFg, const unsigned int* toBg,
-                 const BandWidth& band, const float* sTable,
+                 const fb_color::BandWidth& band, const float* sTable,
                  const _LevelData& level) {
   for (int y = y0; y < y1; ++y) {
     const size_t row = static_cast<size_t>(y) * width;
     for (int x = NextUnknown(label + row, 0, width); x < width;
          x = NextUnknown(label + row, x + 1, width)) {
-      const int64_t n = (toFg[row + x] + toBg[row + x]) / kDistanceScale;
-      float g;
-      if (n < band.lower) {
-        g = 1.0f;
-      } else if (n <= band.upper) {
-        g = static_cast<float>(band.upper - n) /
-            static_cast<float>(band.upper - band.lower);
-      } else {
-        g = 0.0f;
-      }
-      const unsigned char alphaValue =
-          alpha[static_cast<ptrdiff_t>(y) * alphaStride + x];
-      const float a = static_cast<float>(alphaValue) / 255.0f;
-      const float s = sTable[alphaValue];
-      const unsigned char* i = At(image, imageStride, x, y, 3);
-      const unsigned char* b =
-          At(level.background, level.background_stride, x, y, 3);
-      unsigned char* f = At(level.foreground, level.foreground_stride, x, y, 3);
-      for (int c = 0; c < 3; ++c) {
-        float fs =
-            (static_cast<float>(i[c]) - (1.0f - a) * static_cast<float>(b[c])) /
-            a;
-        fs = fs < 0.0f ? 0.0f : std::min(fs, 255.0f);
-        const float v = (1.0f - s) * static_cast<float>(i[c]) +
-                        s * (g * static_cast<float>(f[c]) + (1.0f - g) * fs);
-        f[c] = TruncateToByte(v);
-      }
+      fb_color::CorrectForeground(
+          fb_color::BandWidthAt(toFg[row + x], toBg[row + x]), band,
+          alpha[static_cast<ptrdiff_t>(y) * alphaStride + x], sTable,
+          At(image, imageStride, x, y, 3),
+          At(level.background, level.background_stride, x, y, 3),
+          At(level.foreground, level.foreground_stride, x, y, 3));
     }
   }
 }
@@ -772,11 +492,11 @@ void estimate_fb_color_x(const unsigned char* image, int width, int height,
   if (width > 0xFFFF || height > 0xFFFF) {
     // The transform takes 16-bit sizes and refuses these; read "unreached"
     // rather than whatever the fresh memory holds.
-    std::fill_n(toFg.get(), pixels, kUnreachedDistance);
-    std::fill_n(toBg.get(), pixels, kUnreachedDistance);
+    std::fill_n(toFg.get(), pixels, fb_color::kUnreachedDistance);
+    std::fill_n(toBg.get(), pixels, fb_color::kUnreachedDistance);
   }
   ff::dist_field* field =
-      ff::ipf_create_distance_field_2d(width, height, kDistanceScale);
+      ff::ipf_create_distance_field_2d(width, height, fb_color::kDistanceScale);
   ff::ipf_distance_transform_2d(field, label.get(),
                                 static_cast<unsigned short>(width),
                                 static_cast<unsigned short>(height), width,
@@ -786,7 +506,7 @@ void estimate_fb_color_x(const unsigned char* image, int width, int height,
                                 static_cast<unsigned short>(height), width,
                                 kBackground, toBg.get(), width, nullptr, 0);
   ff::ipf_release_distance_field(field);
-  const BandWidth band =
+  const fb_color::BandWidth band =
       MeasureBand(toFg.get(), toBg.get(), label.get(), width, height);
   STAGE_LAP(clock, kDistance);
 

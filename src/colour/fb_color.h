@@ -39,4 +39,21 @@ struct _LevelData {
 // per alpha: a logistic step from 1 at low to 0 at high, 0 outside.
 void _calc_S_func(float* table, int low, int high, double sigma, double mid);
 
+// Writes the bytes mat_estimate_fb_color(image, ..., foreground,
+// foreground_stride, nullptr, 0, low, high) writes, for every input, at a
+// cost that follows the soft band (low <= alpha <= high) rather than the
+// photo: known pixels take the image colour, and the pyramid levels, ring
+// searches, 5 x 5 corrections, band-width distances and the final
+// correction visit only the band's pixels and the few around them that they
+// read. Scratch memory grows with the band; no level is built in full.
+// Nothing is written when image, alpha or foreground is null or a side is
+// below 1. A matte with no pixel above high or none below low is solved at
+// twice its size, as the full worker does: then every pixel is visited (and
+// with no background, every band pixel weighs every foreground pixel).
+void estimate_foreground_band(const unsigned char* image, int width, int height,
+                              int image_stride, const unsigned char* alpha,
+                              int alpha_stride, unsigned char* foreground,
+                              int foreground_stride, unsigned char low,
+                              unsigned char high);
+
 #endif  // SOFTMATTE_SRC_COLOUR_FB_COLOR_H_

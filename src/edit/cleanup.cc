@@ -5,14 +5,18 @@
 #include <functional>
 #include <memory>
 
+#include "edit/cleanup_steps.h"
 #include "edit/plane_scratch.h"
 #include "softmatte/edit.h"
 #include "softmatte/ff/ipf.h"
 
 namespace {
 
+using softmatte_edit::dilated;
+using softmatte_edit::extremum_window;
 using softmatte_edit::row;
 using softmatte_edit::scratch;
+using softmatte_edit::smoothed;
 
 constexpr unsigned char kUnknown = 128;
 
@@ -32,42 +36,6 @@ std::unique_ptr<T[]> zeroed(size_t n) {
 
 size_t pixel_count(int width, int height) {
   return static_cast<size_t>(width) * static_cast<size_t>(height);
-}
-
-// The extremum window scales with the image so that the edge profile looks
-// the same at every resolution: 7 up to about 1.2 megapixels, 81 at 12.
-// The product is formed in 64 bits only to stay defined on huge planes.
-int extremum_window(int width, int height) {
-  const int64_t area7 = static_cast<int64_t>(width) * height * 7;
-  const int k = static_cast<int>(area7 / 1048576) | 1;
-  return k > 7 ? k : 7;
-}
-
-// Clamps before truncating: a mean window wider than the extremum window can
-// push the ratio past 1 and the soft dilation below 0.
-unsigned char to_byte(float v) {
-  if (!(v > 0.0f)) return 0;
-  if (v >= 255.0f) return 255;
-  return static_cast<unsigned char>(v);
-}
-
-unsigned char dilated(int mean, int maximum) {
-  if (maximum == 0) return 0;
-  const float t = 1.0f - static_cast<float>(mean) / static_cast<float>(maximum);
-  return to_byte((1.0f - t * t) * static_cast<float>(maximum) + 0.5f);
-}
-
-unsigned char smoothed(int mean, int maximum, int minimum) {
-  if (maximum == 0) return 0;
-  float r = static_cast<float>(mean) / static_cast<float>(maximum);
-  if (r != 1.0f) {
-    // A float division: the exponent eases from 2 towards 1 as the darkest
-    // neighbour brightens to 32, so faint veils are not crushed.
-    const float e = std::max(
-        2.0f - r - static_cast<float>(std::min(minimum, 32)) / 64.0f, 1.0f);
-    r = std::pow(r, e);
-  }
-  return to_byte(r * static_cast<float>(maximum) + 0.5f);
 }
 
 }  // namespace
