@@ -504,9 +504,10 @@ class Session:
                 cutout: (MAX, SCALE), MAX, or None for the defaults.
             ksize: the window over which the new matte's boundary is
                 smoothed.
-            keep: when 1 or more, only that many of the largest pieces
-                survive the cleanup (as with the library's flows); 0 keeps
-                all.
+            keep: when 1 or more, the cleanup keeps only the keep largest
+                pieces of background and fills smaller ones (holes in the
+                subject) as subject, as the library's flows clean a matte;
+                0 keeps all.
 
         Returns:
             A copy of the new (H, W) uint8 matte.
@@ -568,7 +569,8 @@ class Session:
         """Smooths the matte's boundary over a ksize window (undoable).
 
         When keep is 1 or more, only the keep largest pieces of the subject
-        (pixels above 0) are kept afterwards.
+        (pixels above 0) are kept afterwards: specks go. (The keep of
+        matte_from_mask and refine fills holes instead.)
         """
         self._core.smooth(_integer(ksize, "ksize", 0),
                           _integer(keep, "keep", 0))
