@@ -23,6 +23,7 @@ def edited(scene):
 @pytest.mark.parametrize("quality", ["exact", "fine"])
 def test_solves_match_cutout(scene, work_size, quality):
     photo, mask = scene
+    mask = np.where(mask > 0, 128, 127).astype(np.uint8)  # mid-grey edges
     session = softmatte.Session(photo, work_size, quality=quality)
     for solve, guide in ((session.matte_from_mask, {"mask": mask}),
                          (session.refine, {"trimap": band_trimap(mask, 3)})):
@@ -35,7 +36,6 @@ def test_solves_match_cutout(scene, work_size, quality):
         np.testing.assert_array_equal(session.foreground(), want.foreground)
 
 
-DAB = (30, 22)  # on the disc's edge: soft values on both sides
 # mode, extra settings, how the dab's square may change: -1 only down, +1
 # only up, 0 either way
 STROKES = [
@@ -44,7 +44,8 @@ STROKES = [
     ("subject", {}, +1),
     ("background", {}, -1),
     ("smooth", {"ksize": 7}, 0),
-    ("threshold", {"low": 250, "high": 5}, 0),
+    ("threshold", {"low": 250, "high": 255}, -1),
+    ("threshold", {"low": 0, "high": 5}, +1),
 ]
 
 
@@ -52,8 +53,8 @@ STROKES = [
 def test_strokes_change_only_their_dab_and_undo(edited, mode, settings,
                                                 direction):
     session, before = edited
-    # Pull the disc's edge into the dab, so that every brush has work.
-    points = [(DAB[0] + dx, DAB[1] - 15) for dx in (-6, 0, 6)]
+    # Along the disc's top edge, so that every brush has work.
+    points = [(30 + dx, 7) for dx in (-6, 0, 6)]
     assert session.stroke(mode, points, radius=6, **settings)
     after = session.alpha
     change = after.astype(int) - before
@@ -65,6 +66,18 @@ def test_strokes_change_only_their_dab_and_undo(edited, mode, settings,
     assert session.undoable == 1
     assert session.undo() and not session.undo()
     np.testing.assert_array_equal(session.alpha, before)
+
+
+@pytest.mark.parametrize("x, y", [(30, 22), (0, 0), (60, 46)])
+def test_a_dab_covers_its_square_clipped_to_the_photo(scene, x, y):
+    photo, mask = scene
+    session = softmatte.Session(photo)
+    session.alpha = np.zeros_like(mask)
+    session.stroke("subject", [(x, y)], radius=4)
+    want = np.zeros(mask.shape, bool)
+    want[max(y - 4, 0):y + 5, max(x - 4, 0):x + 5] = True
+    np.testing.assert_array_equal(session.alpha > 0, want)
+    assert session.alpha[y, x] == 254  # full weight stops a step short
 
 
 def test_restore_smooth_and_history(edited):
