@@ -26,7 +26,8 @@ ensure_packages cmake make pkg-config crossbuild-essential-arm64 qemu-user \
   libgtest-dev:arm64 libgmock-dev:arm64 libpng-dev:arm64 libjpeg-dev:arm64
 
 # The native test command with the cross toolchain: every test program runs
-# through qemu-aarch64, the toolchain's emulator.
+# through qemu-aarch64, the toolchain's emulator. No Python module: the
+# machine's interpreter could not load an arm64 one.
 BUILD_DIR=${BUILD_DIR:-build-arm64} exec scripts/test.sh \
   -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/toolchains/aarch64-linux-gnu.cmake" \
-  -DSOFTMATTE_BUILD_BENCHMARKS=OFF "$@"
+  -DSOFTMATTE_BUILD_BENCHMARKS=OFF -DSOFTMATTE_BUILD_PYTHON=OFF "$@"

@@ -1,0 +1,69 @@
+"""Shared inputs: the bundled sample, a small synthetic scene, the tool."""
+
+import os
+import pathlib
+import subprocess
+
+import numpy as np
+import pytest
+from PIL import Image
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+SAMPLE = ROOT / "tools" / "sample"
+
+
+def read_png(path, mode):
+    """A PNG file as a uint8 array: mode "RGB", "RGBA" or "L"."""
+    with Image.open(path) as picture:
+        return np.asarray(picture.convert(mode))
+
+
+def write_png(path, array):
+    Image.fromarray(array).save(path)
+
+
+def band_trimap(mask, radius):
+    """0 / 128 / 255 from a 0/255 mask: unknown within radius of its edge."""
+    padded = np.pad(mask, radius, mode="edge")
+    height, width = mask.shape
+    windows = [padded[dy:dy + height, dx:dx + width]
+               for dy in range(2 * radius + 1) for dx in range(2 * radius + 1)]
+    low, high = np.min(windows, axis=0), np.max(windows, axis=0)
+    return np.where(low == high, mask, 128).astype(np.uint8)
+
+
+@pytest.fixture(scope="session")
+def chelsea():
+    """The sample photo (RGB) and its rough mask."""
+    return (read_png(SAMPLE / "chelsea.png", "RGB"),
+            read_png(SAMPLE / "chelsea_mask.png", "L"))
+
+
+@pytest.fixture(scope="session")
+def chelsea_scribbles():
+    return read_png(SAMPLE / "chelsea_scribbles.png", "RGBA")
+
+
+@pytest.fixture(scope="session")
+def scene():
+    """A small noisy disc on a ramp (odd sizes) and its 0/255 mask."""
+    rng = np.random.default_rng(24)
+    y, x = np.mgrid[:47, :61]
+    inside = np.hypot(x - 30, y - 22) < 15
+    ramp = 20 + x[..., None] + np.array([0, 40, 80])
+    base = np.where(inside[..., None], np.array([200, 170, 140]), ramp)
+    photo = (base + rng.integers(0, 24, base.shape)).astype(np.uint8)
+    return photo, np.where(inside, 255, 0).astype(np.uint8)
+
+
+@pytest.fixture(scope="session")
+def tool():
+    """Runs the built command-line tool; skips when there is none."""
+    path = os.environ.get("SOFTMATTE_TOOL")
+    if not path or not os.path.exists(path):
+        pytest.skip("the softmatte tool is not built (SOFTMATTE_TOOL)")
+
+    def run(*args):
+        subprocess.run([path, *map(str, args)], check=True,
+                       capture_output=True)
+    return run
