@@ -407,7 +407,10 @@ bool ReadJpeg(FILE* file, const std::string& path, Layout layout,
 // One PNG encode, and libpng's message when it gives up.
 struct PngWriteJob {
   FILE* file;
-  const Picture* picture;
+  int width;
+  int height;
+  const RowSource* rows;
+  unsigned char* scratch;  // one row
   Layout layout;
   PngCompression compression;
   char message[kMessageSize];
@@ -428,10 +431,9 @@ bool EncodePng(PngWriteJob* job) {
     png_destroy_write_struct(&png, &info);
     return false;
   }
-  const Picture& picture = *job->picture;
   const Layout layout = job->layout;
   png_init_io(png, job->file);
-  png_set_IHDR(png, info, picture.width, picture.height, 8,
+  png_set_IHDR(png, info, job->width, job->height, 8,
                layout == Layout::kGrey  ? PNG_COLOR_TYPE_GRAY
                : layout == Layout::kBgr ? PNG_COLOR_TYPE_RGB
                                         : PNG_COLOR_TYPE_RGB_ALPHA,
@@ -443,9 +445,8 @@ bool EncodePng(PngWriteJob* job) {
   png_set_compression_strategy(png, job->compression.strategy);
   png_write_info(png, info);
   if (layout == Layout::kBgr || layout == Layout::kBgra) png_set_bgr(png);
-  const size_t row = static_cast<size_t>(picture.width) * picture.channels;
-  for (int y = 0; y < picture.height; ++y) {
-    png_write_row(png, picture.pixels.data() + row * y);
+  for (int y = 0; y < job->height; ++y) {
+    png_write_row(png, (*job->rows)(y, job->scratch));
   }
   png_write_end(png, nullptr);
   png_destroy_write_struct(&png, &info);
@@ -518,6 +519,18 @@ bool ReadPicture(const std::string& path, Layout layout, Picture* out,
 bool WritePngAtomically(const std::string& path, const Picture& picture,
                         Layout layout, std::string* error,
                         const PngCompression& compression) {
+  const size_t row = static_cast<size_t>(picture.width) * picture.channels;
+  const RowSource rows = [&](int y, unsigned char*) {
+    return picture.pixels.data() + row * y;
+  };
+  return WritePngRowsAtomically(path, picture.width, picture.height, layout,
+                                rows, error, compression);
+}
+
+bool WritePngRowsAtomically(const std::string& path, int width, int height,
+                            Layout layout, const RowSource& rows,
+                            std::string* error,
+                            const PngCompression& compression) {
   GuardInterrupts();
   const size_t slash = path.find_last_of('/');
   const std::string folder =
@@ -543,7 +556,10 @@ bool WritePngAtomically(const std::string& path, const Picture& picture,
   umask(umask_bits);
   fchmod(fd, 0666 & ~umask_bits);
   FILE* file = fdopen(fd, "wb");
-  PngWriteJob job{file, &picture, layout, compression, ""};
+  std::vector<unsigned char> scratch(static_cast<size_t>(width) *
+                                     ChannelsOf(layout));
+  PngWriteJob job{file,   width,  height,      &rows,
+                  scratch.data(), layout, compression, ""};
   bool ok = file && EncodePng(&job);
   std::string reason = file ? job.message : SystemReason();
   if (file) {

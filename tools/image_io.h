@@ -1,6 +1,7 @@
 #ifndef SOFTMATTE_TOOLS_IMAGE_IO_H_
 #define SOFTMATTE_TOOLS_IMAGE_IO_H_
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -54,6 +55,18 @@ PngCompression PngCompressionForLevel(int level);
 bool WritePngAtomically(
     const std::string& path, const Picture& picture, Layout layout,
     std::string* error,
+    const PngCompression& compression = PngCompressionForLevel(kFastPngLevel));
+
+// Gives row y of an image being written, in its layout: a pointer into the
+// caller's own pixels, or scratch (a row's bytes) filled on the spot.
+using RowSource = std::function<const unsigned char*(int y,
+                                                     unsigned char* scratch)>;
+
+// As above for a width x height image made row by row as it is written, so
+// that a picture derived from others never has to exist whole.
+bool WritePngRowsAtomically(
+    const std::string& path, int width, int height, Layout layout,
+    const RowSource& rows, std::string* error,
     const PngCompression& compression = PngCompressionForLevel(kFastPngLevel));
 
 }  // namespace softmatte_tool

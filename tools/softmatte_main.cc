@@ -440,9 +440,11 @@ int Run(int argc, char** argv) {
   std::vector<unsigned char>().swap(photo.pixels);
   std::vector<unsigned char>().swap(guide);
 
-  // The backdrop is decoded again only now, when the photo and the upsampling
-  // tables are gone: holding it through the solve would raise the peak.
-  std::vector<unsigned char> backdrop(colours.size());
+  // The backdrop is decoded again only now, when the photo is gone: holding
+  // it through the cut-out would raise the peak. A plain colour is one row.
+  std::vector<unsigned char> backdrop;
+  std::vector<unsigned char> plain(3 * static_cast<size_t>(width));
+  for (size_t i = 0; i < plain.size(); ++i) plain[i] = args.colour[i % 3];
   if (!args.background.empty()) {
     Picture given;
     if (!Load(args.background, Layout::kBgr, args.max_pixels, &given,
@@ -450,13 +452,10 @@ int Run(int argc, char** argv) {
       return fail();
     }
     // Stretched to the photo: a backdrop rarely has the photo's exact size.
+    backdrop.resize(colours.size());
     ff::ipf_resize_bl<unsigned char, unsigned char>(
         given.pixels.data(), given.width, given.height, 3 * given.width, 3,
         backdrop.data(), width, height, 3 * width, 3, 3);
-  } else {
-    for (size_t i = 0; i < backdrop.size(); ++i) {
-      backdrop[i] = args.colour[i % 3];
-    }
   }
 
   stage.Start("writing outputs");
@@ -468,40 +467,40 @@ int Run(int argc, char** argv) {
   }
   std::string error;
   const PngCompression png = PngCompressionForLevel(args.png_level);
-  Picture out;
-  out.width = width;
-  out.height = height;
-  out.channels = 1;
-  out.pixels.swap(alpha);
-  if (!WritePngAtomically((folder / names[0]).string(), out, Layout::kGrey,
-                          &error, png)) {
-    std::fprintf(stderr, "softmatte: %s\n", error.c_str());
-    return kCannotWrite;
-  }
-  alpha.swap(out.pixels);
-
-  mat_composite(colours.data(), 3 * width, alpha.data(), width, backdrop.data(),
-                3 * width, width, height, backdrop.data(), 3 * width);
-  out.channels = 3;
-  out.pixels.swap(backdrop);
-  if (!WritePngAtomically((folder / names[2]).string(), out, Layout::kBgr,
-                          &error, png)) {
-    std::fprintf(stderr, "softmatte: %s\n", error.c_str());
-    return kCannotWrite;
-  }
-  std::vector<unsigned char>().swap(out.pixels);
-
-  out.channels = 4;
-  out.pixels.resize(4 * alpha.size());
-  for (size_t i = 0; i < alpha.size(); ++i) {
-    std::memcpy(&out.pixels[4 * i], &colours[3 * i], 3);
-    out.pixels[4 * i + 3] = alpha[i];
-  }
-  std::vector<unsigned char>().swap(colours);
-  if (!WritePngAtomically((folder / names[1]).string(), out, Layout::kBgra,
-                          &error, png)) {
-    std::fprintf(stderr, "softmatte: %s\n", error.c_str());
-    return kCannotWrite;
+  // The composite and the four-channel foreground are made row by row as
+  // they are written: neither ever exists whole.
+  const RowSource matte_rows = [&](int y, unsigned char*) {
+    return &alpha[static_cast<size_t>(y) * width];
+  };
+  const RowSource composite_rows = [&](int y, unsigned char* row) {
+    const size_t at = static_cast<size_t>(y) * width;
+    const unsigned char* back =
+        backdrop.empty() ? plain.data() : &backdrop[3 * at];
+    mat_composite(&colours[3 * at], 3 * width, &alpha[at], width, back,
+                  3 * width, width, 1, row, 3 * width);
+    return row;
+  };
+  const RowSource foreground_rows = [&](int y, unsigned char* row) {
+    const size_t at = static_cast<size_t>(y) * width;
+    for (int x = 0; x < width; ++x) {
+      std::memcpy(&row[4 * x], &colours[3 * (at + x)], 3);
+      row[4 * x + 3] = alpha[at + x];
+    }
+    return row;
+  };
+  const struct {
+    const char* name;
+    Layout layout;
+    const RowSource* rows;
+  } outputs[] = {{names[0], Layout::kGrey, &matte_rows},
+                 {names[2], Layout::kBgr, &composite_rows},
+                 {names[1], Layout::kBgra, &foreground_rows}};
+  for (const auto& output : outputs) {
+    if (!WritePngRowsAtomically((folder / output.name).string(), width, height,
+                                output.layout, *output.rows, &error, png)) {
+      std::fprintf(stderr, "softmatte: %s\n", error.c_str());
+      return kCannotWrite;
+    }
   }
   stage.Stop();
   std::fflush(stdout);

@@ -1,6 +1,7 @@
 #include <cstddef>
 
 #include "resample/pair_search.h"
+#include "resample/upsample_rows.h"
 #include "softmatte/resample.h"
 
 namespace {
@@ -68,8 +69,10 @@ struct Geometry {
   int wtsStride;
 };
 
+// Fills rows [y0, y1) of the image; row y of the mask and of the table lie
+// y - tableRow0 rows into them.
 template <int kBytes, int kCount, typename Select>
-void Fill(const Geometry& g, Select select) {
+void FillRows(const Geometry& g, Select select, int y0, int y1, int tableRow0) {
   if (!g.img || !g.low || !g.idx || !g.wts || g.width < 1 || g.height < 1) {
     return;
   }
@@ -84,27 +87,33 @@ void Fill(const Geometry& g, Select select) {
                              : usam_internal::MapColumn2x2(x, sx, g.lowWidth);
   }
   auto pick = [&](int x, int y) {
-    const unsigned char* maskRow =
-        g.mask ? g.mask + static_cast<ptrdiff_t>(y) * g.maskStride : nullptr;
-    return select(maskRow, g.idx + static_cast<ptrdiff_t>(y) * g.idxStride, x);
+    const ptrdiff_t row = y - tableRow0;
+    const unsigned char* maskRow = g.mask ? g.mask + row * g.maskStride : nullptr;
+    return select(maskRow, g.idx + row * g.idxStride, x);
   };
   auto store = [&](int x, int y, int a, int b, int w) {
-    int* entry = g.idx + static_cast<ptrdiff_t>(y) * g.idxStride + 2 * x;
+    const ptrdiff_t row = y - tableRow0;
+    int* entry = g.idx + row * g.idxStride + 2 * x;
     entry[0] = a;
     entry[1] = b;
-    g.wts[static_cast<ptrdiff_t>(y) * g.wtsStride + x] = static_cast<short>(w);
+    g.wts[row * g.wtsStride + x] = static_cast<short>(w);
   };
+  usam_internal::SearchRows<kBytes, kCount>(
+      g.img, g.width, g.imgStride, g.low, g.lowWidth, g.lowHeight, g.lowStride,
+      columns, sy, y0, y1, pick, store,
+      Runner(static_cast<Search<kCount, kBytes>*>(nullptr)));
+  delete[] columns;
+}
+
+template <int kBytes, int kCount, typename Select>
+void Fill(const Geometry& g, Select select) {
   // Rows are independent; they go in four consecutive bands, which a caller
   // could split between workers without changing a single entry.
   const int h = g.height;
   const int bounds[5] = {0, h / 4, h / 2, 3 * (h / 4), h};
   for (int band = 0; band < 4; ++band) {
-    usam_internal::SearchRows<kBytes, kCount>(
-        g.img, g.width, g.imgStride, g.low, g.lowWidth, g.lowHeight,
-        g.lowStride, columns, sy, bounds[band], bounds[band + 1], pick, store,
-        Runner(static_cast<Search<kCount, kBytes>*>(nullptr)));
+    FillRows<kBytes, kCount>(g, select, bounds[band], bounds[band + 1], 0);
   }
-  delete[] columns;
 }
 
 template <int kBytes>
@@ -173,4 +182,16 @@ void usam_update_weights(const unsigned char* img, int width, int height,
                    mask_stride, low,        low_width, low_height, low_stride,
                    idx,         idx_stride, wts,       wts_stride};
   Fill<3, 9>(g, HolesWithMaskValue{value});
+}
+
+void usam_fill_rows_3x3_c3(const unsigned char* img, int width, int height,
+                           int img_stride, const unsigned char* mask,
+                           int mask_stride, const unsigned char* low,
+                           int low_width, int low_height, int low_stride,
+                           int y0, int y1, int* idx, int idx_stride,
+                           short* wts, int wts_stride) {
+  const Geometry g{img,         width,      height,    img_stride, mask,
+                   mask_stride, low,        low_width, low_height, low_stride,
+                   idx,         idx_stride, wts,       wts_stride};
+  FillRows<3, 9>(g, MaskNonZero(), y0, y1, y0);
 }

@@ -12,13 +12,14 @@
 #include "softmatte/geoseg.h"
 #include "softmatte/resample.h"
 #include "softmatte/trimap.h"
+#include "colour/fb_color.h"
+#include "edit/cleanup_band.h"
+#include "resample/upsample_rows.h"
 #include "solver/fine_solve.h"
 
 namespace {
 
 constexpr unsigned char kUnknown = 128;
-// Each full-resolution pixel is paired within the 3x3 working neighbourhood.
-constexpr int kNeighbourhood3x3 = 3;
 // Colours are estimated over the matte's soft pixels only; 0 and 254..255
 // count as settled.
 constexpr unsigned char kSoftLow = 1;
@@ -274,6 +275,45 @@ int TrimapFromGuide(const unsigned char* image, int width, int height,
   return MAT_CUTOUT_OK;
 }
 
+// Carries the working matte to the undecided pixels of the full-resolution
+// trimap (session polarity) in strips of rows: each strip's upsampling table
+// is built for its undecided pixels only and applied at once, so the whole
+// photo's table (10 bytes a pixel) never exists. The entries are those of a
+// whole table, pixel by pixel.
+void UpsampleStrips(const unsigned char* image, int width, int height,
+                    int stride, const unsigned char* trimap,
+                    const unsigned char* work_image, int work_width,
+                    int work_height, const unsigned char* work_alpha,
+                    Stopwatch& clock, unsigned char* matte) {
+  constexpr int kStripRows = 32;
+  const int rows = std::min(kStripRows, height);
+  std::vector<int> indices(2 * static_cast<size_t>(width) * rows);
+  std::vector<short> weights(static_cast<size_t>(width) * rows);
+  std::vector<unsigned char> undecided(static_cast<size_t>(width) * rows);
+  for (int y0 = 0; y0 < height; y0 += rows) {
+    const int y1 = std::min(y0 + rows, height);
+    const unsigned char* t = trimap + static_cast<size_t>(y0) * width;
+    const size_t pixels = static_cast<size_t>(y1 - y0) * width;
+    bool any = false;
+    for (size_t i = 0; i < pixels; ++i) {
+      undecided[i] = t[i] == kUnknown;
+      any |= t[i] == kUnknown;
+    }
+    if (!any) continue;
+    std::fill(indices.begin(), indices.end(), -1);
+    usam_fill_rows_3x3_c3(image, width, height, stride, undecided.data(),
+                          width, work_image, work_width, work_height,
+                          3 * work_width, y0, y1, indices.data(), 2 * width,
+                          weights.data(), width);
+    clock.Lap(&mat_cutout_timings::tables);
+    usam_interpolate_c1(work_alpha, work_width, work_height, indices.data(),
+                        2 * width, weights.data(), width,
+                        matte + static_cast<size_t>(y0) * width, width, y1 - y0,
+                        width, t, width, kUnknown);
+    clock.Lap(&mat_cutout_timings::upsampling);
+  }
+}
+
 }  // namespace
 
 int mat_cutout(const unsigned char* image, int width, int height, int stride,
@@ -298,7 +338,6 @@ int mat_cutout(const unsigned char* image, int width, int height, int stride,
 
   // The working size of a session: reduced only when both sides exceed it,
   // the width then rounded down to a multiple of 4.
-  const size_t count = static_cast<size_t>(width) * height;
   int work_width = width;
   int work_height = height;
   if (width > options.work_size && height > options.work_size) {
@@ -312,30 +351,15 @@ int mat_cutout(const unsigned char* image, int width, int height, int stride,
   const bool solvable = work_width >= 1 && work_height >= 1;
   const size_t work_count = static_cast<size_t>(work_width) * work_height;
 
-  // In the session's polarity from here on, where its solve and cleanup run.
+  // In the session's polarity from here on, where its solve and smoothing
+  // run.
   Complement(trimap);
   std::vector<unsigned char> matte = trimap;
   std::vector<unsigned char> work_image(3 * work_count);
-  std::vector<short> weights;
-  std::vector<int> indices;
+  std::vector<unsigned char> work_alpha(work_count);
   if (solvable) {
     ff::ipf_resize_nn(image, width, height, stride, 3, work_image.data(),
                       work_width, work_height, 3 * work_width, 3, ff::ccn<3>());
-    // Only undecided pixels are ever interpolated, so only they need an
-    // entry: the search is per pixel, and theirs are those of a whole table.
-    std::vector<unsigned char> undecided(count);
-    for (size_t i = 0; i < count; ++i) undecided[i] = trimap[i] == kUnknown;
-    weights.resize(count);
-    indices.assign(2 * count, -1);
-    usam_calc_weights_8u_c3(image, width, height, stride, undecided.data(),
-                            width, work_image.data(), work_width, work_height,
-                            3 * work_width, indices.data(), 2 * width,
-                            weights.data(), width, kNeighbourhood3x3);
-  }
-  clock.Lap(&mat_cutout_timings::tables);
-
-  std::vector<unsigned char> work_alpha(work_count);
-  if (solvable) {
     ff::ipf_resize_nn(trimap.data(), width, height, width, 1, work_alpha.data(),
                       work_width, work_height, work_width, 1, ff::ccn<1>());
     const std::vector<unsigned char> work_trimap = work_alpha;
@@ -343,42 +367,52 @@ int mat_cutout(const unsigned char* image, int width, int height, int stride,
     for (size_t i = 0; i < work_count; ++i) {
       unknown[i] = work_trimap[i] == kUnknown ? 1 : 0;
     }
+    clock.Lap(&mat_cutout_timings::tables);
     SolveBand(work_image.data(), work_width, work_height, 3 * work_width,
               unknown.data(), work_width, work_trimap.data(), work_alpha.data(),
               options.solve);
+    clock.Lap(&mat_cutout_timings::solve);
+    UpsampleStrips(image, width, height, stride, trimap.data(),
+                   work_image.data(), work_width, work_height,
+                   work_alpha.data(), clock, matte.data());
   }
   std::vector<unsigned char>().swap(work_image);
-  clock.Lap(&mat_cutout_timings::solve);
-
-  if (solvable) {
-    usam_interpolate_c1(work_alpha.data(), work_width, work_height,
-                        indices.data(), 2 * width, weights.data(), width,
-                        matte.data(), width, height, width, trimap.data(),
-                        width, kUnknown);
-  }
   std::vector<unsigned char>().swap(work_alpha);
-  std::vector<short>().swap(weights);
-  std::vector<int>().swap(indices);
   std::vector<unsigned char>().swap(trimap);
-  clock.Lap(&mat_cutout_timings::upsampling);
 
+  // Both cleanups visit only the matte's edges and give the bytes of the
+  // whole-plane functions.
   if (options.smooth_window >= 1) {
-    mat_smooth_boundary(matte.data(), width, height, width, matte.data(),
-                        width, options.smooth_window);
-  }
-  if (options.keep_fragments >= 1) {
-    vm_erase_small_cc(matte.data(), width, height, width, 0,
-                      options.keep_fragments);
+    smooth_boundary_band(matte.data(), width, height, width, matte.data(),
+                         width, options.smooth_window);
   }
   Complement(matte);
+  if (options.keep_fragments >= 1) {
+    erase_small_cc_runs(matte.data(), width, height, width, 0,
+                        options.keep_fragments);
+  }
   ff::ipf_memcpy_2d(matte.data(), width, height, width, alpha, alpha_stride);
   clock.Lap(&mat_cutout_timings::cleanup);
 
   if (colours) {
     // The colour estimator takes 255 as the subject: the caller's polarity.
-    mat_estimate_fb_color(image, width, height, stride, matte.data(), width,
-                          foreground, foreground_stride, nullptr, 0, kSoftLow,
-                          kSoftHigh);
+    // The band-only worker writes the whole-plane worker's bytes but reads
+    // the photo after it has begun to write: a foreground over the photo
+    // itself takes the whole-plane worker.
+    const unsigned char* image_end =
+        image + static_cast<ptrdiff_t>(height - 1) * stride + 3 * width;
+    unsigned char* foreground_end =
+        foreground + static_cast<ptrdiff_t>(height - 1) * foreground_stride +
+        3 * width;
+    if (foreground < image_end && image < foreground_end) {
+      mat_estimate_fb_color(image, width, height, stride, matte.data(), width,
+                            foreground, foreground_stride, nullptr, 0,
+                            kSoftLow, kSoftHigh);
+    } else {
+      estimate_foreground_band(image, width, height, stride, matte.data(),
+                               width, foreground, foreground_stride, kSoftLow,
+                               kSoftHigh);
+    }
     clock.Lap(&mat_cutout_timings::colours);
   }
   return MAT_CUTOUT_OK;

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "gtest/gtest.h"
+#include "softmatte/edit.h"
 #include "softmatte/geoseg.h"
 #include "softmatte/session.h"
 #include "softmatte/trimap.h"
@@ -78,7 +79,6 @@ TEST(MatCutout, MatchesASessionOnEveryGuideAndSolve) {
         o.band_scale = 0.3;
         o.edge_contrast = edge_contrast;
         o.min_band = 2;
-        o.keep_fragments = work_size < kWidth ? 1 : 0;
         o.solve.solver = solver;
         std::vector<unsigned char> trimap(kCount);
         if (edge_contrast) {
@@ -135,6 +135,19 @@ TEST(MatCutout, MatchesASessionOnEveryGuideAndSolve) {
             MAT_CUTOUT_OK);
         EXPECT_EQ(alpha, want);
         EXPECT_EQ(colours, want_colours);
+
+        // Unlike the session's (which works on its complemented matte),
+        // the cut-out's fragment removal keeps the largest pieces of the
+        // subject itself: the speck goes.
+        o.keep_fragments = 1;
+        ASSERT_EQ(mat_cutout(scene.photo.data(), kWidth, kHeight, 3 * kWidth,
+                             scene.mask.data(), kWidth, MAT_GUIDE_MASK, o,
+                             alpha.data(), kWidth, colours.data(), 3 * kWidth,
+                             nullptr),
+                  MAT_CUTOUT_OK);
+        vm_erase_small_cc(want.data(), kWidth, kHeight, kWidth, 0, 1);
+        EXPECT_EQ(alpha, want);
+        EXPECT_EQ(alpha[2 * kWidth + 57], 0);
       }
     }
   }
