@@ -91,9 +91,8 @@ int main(int argc, char** argv) {
       softmatte_test::BlockyMask(truth, width, height, std::atoi(argv[3]));
   std::string error;
   if (!SaveJpeg(argv[4], photo, width, height) ||
-      !softmatte_tool::WritePngAtomically(argv[5], mask,
-                                          softmatte_tool::Layout::kGrey,
-                                          &error)) {
+      !softmatte_tool::WritePngAtomically(
+          argv[5], mask, softmatte_tool::Layout::kGrey, &error)) {
     std::fprintf(stderr, "make_photo: cannot write: %s\n", error.c_str());
     return 1;
   }

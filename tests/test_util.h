@@ -105,8 +105,7 @@ std::vector<unsigned char> BlockyMask(const std::vector<unsigned char>& truth,
 // one in 20, and of the blocks deep inside the subject turned into
 // background, one in 50: the strays and pinholes of a real segmenter.
 std::vector<unsigned char> NoisyBlockyMask(
-    const std::vector<unsigned char>& truth, int width, int height,
-    int factor);
+    const std::vector<unsigned char>& truth, int width, int height, int factor);
 // Moved: truth >= 128 with its edge moved out (shift > 0) or in (shift < 0)
 // by |shift| pixels, in Euclidean distance.
 std::vector<unsigned char> MovedEdgeMask(

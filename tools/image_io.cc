@@ -558,7 +558,7 @@ bool WritePngRowsAtomically(const std::string& path, int width, int height,
   FILE* file = fdopen(fd, "wb");
   std::vector<unsigned char> scratch(static_cast<size_t>(width) *
                                      ChannelsOf(layout));
-  PngWriteJob job{file,   width,  height,      &rows,
+  PngWriteJob job{file,           width,  height,      &rows,
                   scratch.data(), layout, compression, ""};
   bool ok = file && EncodePng(&job);
   std::string reason = file ? job.message : SystemReason();

@@ -59,8 +59,8 @@ bool WritePngAtomically(
 
 // Gives row y of an image being written, in its layout: a pointer into the
 // caller's own pixels, or scratch (a row's bytes) filled on the spot.
-using RowSource = std::function<const unsigned char*(int y,
-                                                     unsigned char* scratch)>;
+using RowSource =
+    std::function<const unsigned char*(int y, unsigned char* scratch)>;
 
 // As above for a width x height image made row by row as it is written, so
 // that a picture derived from others never has to exist whole.

@@ -16,6 +16,7 @@
 
 #include "cutout.h"
 #include "image_io.h"
+#include "overview.h"
 #include "softmatte/ff/ipf.h"
 
 namespace softmatte_tool {
@@ -24,6 +25,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr int kBadInput = 2;
+constexpr char kOverviewName[] = "overview.png";
 constexpr int kCannotWrite = 1;
 // The sample's mask is a rough hand-drawn polygon, a few pixels off the fur
 // all round: it needs a wider band than the measured default, which suits
@@ -37,6 +39,7 @@ const char kUsage[] =
     " --scribbles SCRIBBLES)\n"
     "                 [--work-size N] [--band MAX,SCALE]"
     " [--quality exact|fine]\n"
+    "                 [--coarse-band N] [--keep-strays] [--smooth N]\n"
     "                 [--background IMAGE | --colour RRGGBB]\n"
     "                 [--max-pixels N] [--png-level N] [-o DIR] [--verbose]\n";
 
@@ -154,6 +157,10 @@ bool Parse(int argc, char** argv, Arguments* args, Failure* failure) {
       args->verbose = true;
       continue;
     }
+    if (flag == "--keep-strays") {
+      args->settings.loose_blocks = 0;
+      continue;
+    }
     if (flag.empty() || flag[0] != '-') {
       if (args->demo || !args->photo.empty()) {
         *failure = Bad("unexpected argument '" + flag + "'");
@@ -166,7 +173,8 @@ bool Parse(int argc, char** argv, Arguments* args, Failure* failure) {
         flag == "-o" || flag == "--work-size" || flag == "--band" ||
         flag == "--background" || flag == "--colour" || flag == "--color" ||
         flag == "--mask" || flag == "--trimap" || flag == "--scribbles" ||
-        flag == "--quality" || flag == "--max-pixels" || flag == "--png-level";
+        flag == "--quality" || flag == "--max-pixels" ||
+        flag == "--png-level" || flag == "--smooth" || flag == "--coarse-band";
     if (!takes_value) {
       *failure = Bad("unknown option '" + flag + "'");
       return false;
@@ -206,6 +214,15 @@ bool Parse(int argc, char** argv, Arguments* args, Failure* failure) {
                 value + "'");
         return false;
       }
+    } else if (flag == "--smooth" || flag == "--coarse-band") {
+      long n = 0;
+      if (!ParseInt(value, &n) || n < 0 || n > 1000) {
+        *failure = Bad(flag + " needs a whole number from 0 to 1000, not '" +
+                       value + "'");
+        return false;
+      }
+      (flag == "--smooth" ? args->settings.smooth_window
+                          : args->settings.coarse_band) = static_cast<int>(n);
     } else if (flag == "--quality") {
       if (value == "exact") {
         args->settings.solve.solver = MAT_SOLVER_EXACT;
@@ -401,7 +418,8 @@ int Run(int argc, char** argv) {
   }
 
   const fs::path folder(args.output);
-  const char* names[] = {"alpha.png", "foreground.png", "composite.png"};
+  const char* names[] = {"alpha.png", "foreground.png", "composite.png",
+                         kOverviewName};
   for (const char* name : names) {
     for (const std::string* input : {&args.photo, &args.mask, &args.trimap,
                                      &args.scribbles, &args.background}) {
@@ -437,8 +455,12 @@ int Run(int argc, char** argv) {
     return fail();
   }
   if (args.verbose) PrintTimings(timings);
-  std::vector<unsigned char>().swap(photo.pixels);
-  std::vector<unsigned char>().swap(guide);
+  // The demo keeps photo and guide for its overview; a cut-out lets them go
+  // before the outputs are made.
+  if (!args.demo) {
+    std::vector<unsigned char>().swap(photo.pixels);
+    std::vector<unsigned char>().swap(guide);
+  }
 
   // The backdrop is decoded again only now, when the photo is gone: holding
   // it through the cut-out would raise the peak. A plain colour is one row.
@@ -502,10 +524,25 @@ int Run(int argc, char** argv) {
       return kCannotWrite;
     }
   }
+  if (args.demo) {
+    // The whole run at a glance: photo, mask, matte and composite.
+    std::vector<unsigned char> composite(colours.size());
+    for (int y = 0; y < height; ++y) {
+      composite_rows(y, &composite[3 * static_cast<size_t>(y) * width]);
+    }
+    if (!WritePngAtomically(
+            (folder / kOverviewName).string(),
+            MakeOverview(width, height, photo.pixels, guide, alpha, composite),
+            Layout::kBgr, &error, png)) {
+      std::fprintf(stderr, "softmatte: %s\n", error.c_str());
+      return kCannotWrite;
+    }
+  }
   stage.Stop();
   std::fflush(stdout);
-  std::printf("\nsoftmatte: wrote %s, %s and %s in %s\n", names[0], names[1],
-              names[2], fs::absolute(folder).lexically_normal().c_str());
+  std::printf("\nsoftmatte: wrote %s, %s, %s%s in %s\n", names[0], names[1],
+              names[2], args.demo ? " and overview.png" : "",
+              fs::absolute(folder).lexically_normal().c_str());
   return 0;
 }
 

@@ -13,7 +13,7 @@ void usam_fill_rows_3x3_c3(const unsigned char* img, int width, int height,
                            int img_stride, const unsigned char* mask,
                            int mask_stride, const unsigned char* low,
                            int low_width, int low_height, int low_stride,
-                           int y0, int y1, int* idx, int idx_stride,
-                           short* wts, int wts_stride);
+                           int y0, int y1, int* idx, int idx_stride, short* wts,
+                           int wts_stride);
 
 #endif  // SOFTMATTE_SRC_RESAMPLE_UPSAMPLE_ROWS_H_

@@ -88,7 +88,8 @@ void FillRows(const Geometry& g, Select select, int y0, int y1, int tableRow0) {
   }
   auto pick = [&](int x, int y) {
     const ptrdiff_t row = y - tableRow0;
-    const unsigned char* maskRow = g.mask ? g.mask + row * g.maskStride : nullptr;
+    const unsigned char* maskRow =
+        g.mask ? g.mask + row * g.maskStride : nullptr;
     return select(maskRow, g.idx + row * g.idxStride, x);
   };
   auto store = [&](int x, int y, int a, int b, int w) {
@@ -188,8 +189,8 @@ void usam_fill_rows_3x3_c3(const unsigned char* img, int width, int height,
                            int img_stride, const unsigned char* mask,
                            int mask_stride, const unsigned char* low,
                            int low_width, int low_height, int low_stride,
-                           int y0, int y1, int* idx, int idx_stride,
-                           short* wts, int wts_stride) {
+                           int y0, int y1, int* idx, int idx_stride, short* wts,
+                           int wts_stride) {
   const Geometry g{img,         width,      height,    img_stride, mask,
                    mask_stride, low,        low_width, low_height, low_stride,
                    idx,         idx_stride, wts,       wts_stride};

@@ -6,53 +6,20 @@
 #include <cstddef>
 #include <vector>
 
+#include "colour/fb_color.h"
+#include "edit/cleanup_band.h"
+#include "resample/upsample_rows.h"
+#include "session/cutout_steps.h"
 #include "softmatte/colour.h"
 #include "softmatte/edit.h"
 #include "softmatte/ff/ipf.h"
 #include "softmatte/geoseg.h"
 #include "softmatte/resample.h"
 #include "softmatte/trimap.h"
-#include "colour/fb_color.h"
-#include "edit/cleanup_band.h"
-#include "resample/upsample_rows.h"
 #include "solver/fine_solve.h"
+#include "trimap/trimap_runs.h"
 
-namespace {
-
-constexpr unsigned char kUnknown = 128;
-// Colours are estimated over the matte's soft pixels only; 0 and 254..255
-// count as settled.
-constexpr unsigned char kSoftLow = 1;
-constexpr unsigned char kSoftHigh = 253;
-
-using Clock = std::chrono::steady_clock;
-
-// Adds the time since the last lap to one stage of the caller's timings.
-class Stopwatch {
- public:
-  explicit Stopwatch(mat_cutout_timings* timings) : timings_(timings) {
-    if (timings_ != nullptr) *timings_ = mat_cutout_timings();
-  }
-  void Lap(double mat_cutout_timings::*stage) {
-    const Clock::time_point now = Clock::now();
-    if (timings_ != nullptr) {
-      timings_->*stage += std::chrono::duration<double>(now - last_).count();
-    }
-    last_ = now;
-  }
-
- private:
-  mat_cutout_timings* timings_;
-  Clock::time_point last_ = Clock::now();
-};
-
-// The session solves in the opposite polarity to the trimap builder; 128
-// stays 128 both ways.
-void Complement(std::vector<unsigned char>& plane) {
-  for (unsigned char& v : plane) {
-    if (v != kUnknown) v = static_cast<unsigned char>(255 - v);
-  }
-}
+namespace cutout_steps {
 
 // The median length of the straight runs of a 0/255 mask's edge, along
 // rows and columns: 1 or 2 for a mask drawn at full resolution, about N for
@@ -93,18 +60,18 @@ int EdgeRunLength(const std::vector<unsigned char>& seg, int width,
   return runs[runs.size() / 2];
 }
 
-// Drops the loose pieces of a 0/255 mask and fills the pinholes inside it
-// where the photo shows no edge around them: a segmenter working at low
-// resolution leaves blocks floating over the background and holes in the
-// subject, which no band around their edges can mend. A piece (4-connected)
-// is loose when it is not the largest piece of the subject, nor background
-// that reaches the image's border, and is smaller than a fiftieth of the
-// subject; it flips when its mean colour and the mean colour just around it
-// differ by less than contrast levels in every channel. Pieces that stand
-// out from what surrounds them (a strand of hair, a gap between arm and
-// body) stay.
+// Drops the loose pieces of a 0/255 mask where the photo shows no edge
+// around them: a segmenter working at low resolution leaves stray blocks
+// over the background near the subject, and the band around their edges
+// then joins the subject's and carries its colours into them. A piece
+// (4-connected) is loose when it is not the largest and holds at most four
+// blocks of the mask's own coarseness (run: its typical edge run); it goes
+// when its mean colour and the mean colour just around it differ by less
+// than contrast levels in every channel. Pieces that stand out from what
+// surrounds them (a strand of hair, a second object) stay. Holes need no
+// rule: the band covers a small one and the solve fills it from around.
 void DropLooseBlocks(const unsigned char* image, int width, int height,
-                     int stride, int contrast,
+                     int stride, int contrast, int run,
                      std::vector<unsigned char>& seg) {
   std::vector<int> labels(seg.size());
   const int count = ff::ipf_connected_component(seg.data(), width, height,
@@ -112,21 +79,16 @@ void DropLooseBlocks(const unsigned char* image, int width, int height,
   if (count < 2) return;
   struct Piece {
     long area = 0;
-    bool border = false;
     bool subject = false;
     long inside[3] = {0, 0, 0};
     long around[3] = {0, 0, 0};
     long aroundCount = 0;
   };
   std::vector<Piece> pieces(count);
-  for (int y = 0; y < height; ++y) {
-    for (int x = 0; x < width; ++x) {
-      const size_t i = static_cast<size_t>(y) * width + x;
-      Piece& p = pieces[labels[i]];
-      ++p.area;
-      p.subject = seg[i] != 0;
-      p.border |= x == 0 || y == 0 || x == width - 1 || y == height - 1;
-    }
+  for (size_t i = 0; i < seg.size(); ++i) {
+    Piece& p = pieces[labels[i]];
+    ++p.area;
+    p.subject = seg[i] != 0;
   }
   int largest = -1;
   for (int l = 0; l < count; ++l) {
@@ -135,13 +97,11 @@ void DropLooseBlocks(const unsigned char* image, int width, int height,
       largest = l;
     }
   }
-  if (largest < 0) return;
-  const long small = pieces[largest].area / 50;
+  const long small = 4L * run * run;
   std::vector<char> loose(count, 0);
   bool any = false;
   for (int l = 0; l < count; ++l) {
-    loose[l] = l != largest && !(!pieces[l].subject && pieces[l].border) &&
-               pieces[l].area <= small;
+    loose[l] = l != largest && pieces[l].subject && pieces[l].area <= small;
     any |= loose[l] != 0;
   }
   if (!any) return;
@@ -169,12 +129,9 @@ void DropLooseBlocks(const unsigned char* image, int width, int height,
     }
   }
   for (int l = 0; l < count; ++l) {
-    if (!loose[l] || pieces[l].aroundCount == 0) {
-      loose[l] = 0;
-      continue;
-    }
+    if (!loose[l]) continue;
     const Piece& p = pieces[l];
-    for (int c = 0; c < 3; ++c) {
+    for (int c = 0; c < 3 && p.aroundCount > 0; ++c) {
       const double difference =
           static_cast<double>(p.inside[c]) / p.area -
           static_cast<double>(p.around[c]) / p.aroundCount;
@@ -182,7 +139,46 @@ void DropLooseBlocks(const unsigned char* image, int width, int height,
     }
   }
   for (size_t i = 0; i < seg.size(); ++i) {
-    if (loose[labels[i]]) seg[i] = seg[i] != 0 ? 0 : 255;
+    if (loose[labels[i]]) seg[i] = 0;
+  }
+}
+
+}  // namespace cutout_steps
+
+namespace {
+
+constexpr unsigned char kUnknown = 128;
+// Colours are estimated over the matte's soft pixels only; 0 and 254..255
+// count as settled.
+constexpr unsigned char kSoftLow = 1;
+constexpr unsigned char kSoftHigh = 253;
+
+using Clock = std::chrono::steady_clock;
+
+// Adds the time since the last lap to one stage of the caller's timings.
+class Stopwatch {
+ public:
+  explicit Stopwatch(mat_cutout_timings* timings) : timings_(timings) {
+    if (timings_ != nullptr) *timings_ = mat_cutout_timings();
+  }
+  void Lap(double mat_cutout_timings::*stage) {
+    const Clock::time_point now = Clock::now();
+    if (timings_ != nullptr) {
+      timings_->*stage += std::chrono::duration<double>(now - last_).count();
+    }
+    last_ = now;
+  }
+
+ private:
+  mat_cutout_timings* timings_;
+  Clock::time_point last_ = Clock::now();
+};
+
+// The session solves in the opposite polarity to the trimap builder; 128
+// stays 128 both ways.
+void Complement(std::vector<unsigned char>& plane) {
+  for (unsigned char& v : plane) {
+    if (v != kUnknown) v = static_cast<unsigned char>(255 - v);
   }
 }
 
@@ -252,14 +248,17 @@ int TrimapFromGuide(const unsigned char* image, int width, int height,
     }
     if (!subject) return MAT_CUTOUT_NO_SUBJECT;
   }
+  const int run = options.loose_blocks != 0 || options.coarse_band != 0
+                      ? cutout_steps::EdgeRunLength(seg, width, height)
+                      : 0;
   if (options.loose_blocks != 0) {
-    DropLooseBlocks(image, width, height, stride, options.loose_blocks, seg);
+    cutout_steps::DropLooseBlocks(image, width, height, stride,
+                                  options.loose_blocks, run, seg);
   }
   int max_band = options.max_band;
   if (options.coarse_band != 0) {
     // A coarse mask's edge is off by up to about its run length.
-    max_band = std::max(max_band, std::min(EdgeRunLength(seg, width, height),
-                                           options.coarse_band));
+    max_band = std::max(max_band, std::min(run, options.coarse_band));
   }
   if (options.edge_contrast != 0) {
     MakeTrimapFromSegRes(
@@ -268,8 +267,9 @@ int TrimapFromGuide(const unsigned char* image, int width, int height,
         static_cast<unsigned char>(options.contrast_low),
         static_cast<unsigned char>(options.contrast_high), options.min_band);
   } else {
-    MakeTrimapFromSegRes(seg.data(), width, height, width, trimap.data(), width,
-                         max_band, options.band_scale);
+    // The whole-plane trimap's bytes, at a cost that follows the edges.
+    MakeTrimapFromRuns(seg.data(), width, height, trimap.data(), max_band,
+                       options.band_scale);
   }
   clock.Lap(&mat_cutout_timings::trimap);
   return MAT_CUTOUT_OK;
@@ -301,10 +301,10 @@ void UpsampleStrips(const unsigned char* image, int width, int height,
     }
     if (!any) continue;
     std::fill(indices.begin(), indices.end(), -1);
-    usam_fill_rows_3x3_c3(image, width, height, stride, undecided.data(),
-                          width, work_image, work_width, work_height,
-                          3 * work_width, y0, y1, indices.data(), 2 * width,
-                          weights.data(), width);
+    usam_fill_rows_3x3_c3(image, width, height, stride, undecided.data(), width,
+                          work_image, work_width, work_height, 3 * work_width,
+                          y0, y1, indices.data(), 2 * width, weights.data(),
+                          width);
     clock.Lap(&mat_cutout_timings::tables);
     usam_interpolate_c1(work_alpha, work_width, work_height, indices.data(),
                         2 * width, weights.data(), width,
@@ -406,8 +406,8 @@ int mat_cutout(const unsigned char* image, int width, int height, int stride,
         3 * width;
     if (foreground < image_end && image < foreground_end) {
       mat_estimate_fb_color(image, width, height, stride, matte.data(), width,
-                            foreground, foreground_stride, nullptr, 0,
-                            kSoftLow, kSoftHigh);
+                            foreground, foreground_stride, nullptr, 0, kSoftLow,
+                            kSoftHigh);
     } else {
       estimate_foreground_band(image, width, height, stride, matte.data(),
                                width, foreground, foreground_stride, kSoftLow,

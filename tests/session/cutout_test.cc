@@ -79,6 +79,11 @@ TEST(MatCutout, MatchesASessionOnEveryGuideAndSolve) {
         o.band_scale = 0.3;
         o.edge_contrast = edge_contrast;
         o.min_band = 2;
+        // The session has neither the stray-block rule nor the coarse band,
+        // and smooths with the window it is given.
+        o.loose_blocks = 0;
+        o.coarse_band = 0;
+        o.smooth_window = 3;
         o.solve.solver = solver;
         std::vector<unsigned char> trimap(kCount);
         if (edge_contrast) {
@@ -167,8 +172,6 @@ TEST(MatCutout, ScribblesCutAsTheirGeodesicMask) {
   for (size_t i = 0; i < kCount; ++i) mask[i] = probability[i] > 0.5f ? 255 : 0;
 
   mat_cutout_options o;
-  o.max_band = 3;
-  o.band_scale = 0.5;
   std::vector<unsigned char> want(kCount), got(kCount);
   std::vector<unsigned char> want_colours(3 * kCount), got_colours(3 * kCount);
   ASSERT_EQ(mat_cutout(scene.photo.data(), kWidth, kHeight, 3 * kWidth,

@@ -58,8 +58,8 @@ std::vector<double> DenseSolve(const std::vector<unsigned char>& image,
           // Cofactor of (b, a) over the determinant.
           const int r0 = (b + 1) % 3, r1 = (b + 2) % 3;
           const int c0 = (a + 1) % 3, c1 = (a + 2) % 3;
-          inv[a][b] = (cov[r0][c0] * cov[r1][c1] - cov[r0][c1] * cov[r1][c0]) /
-                      det;
+          inv[a][b] =
+              (cov[r0][c0] * cov[r1][c1] - cov[r0][c1] * cov[r1][c0]) / det;
         }
       }
       for (int i = 0; i < 9; ++i) {
@@ -87,8 +87,8 @@ std::vector<double> DenseSolve(const std::vector<unsigned char>& image,
     for (int p = 0; p < n; ++p) {
       const double l = laplacian[static_cast<size_t>(free[r]) * n + p];
       if (trimap[p] == 128) {
-        const int c = static_cast<int>(
-            std::find(free.begin(), free.end(), p) - free.begin());
+        const int c = static_cast<int>(std::find(free.begin(), free.end(), p) -
+                                       free.begin());
         a[r * (m + 1) + c] += l;
       } else {
         a[r * (m + 1) + m] -= l * trimap[p] / 255.0;
@@ -125,7 +125,8 @@ std::vector<double> DenseSolve(const std::vector<unsigned char>& image,
 struct Problem {
   int width, height, stride;
   std::vector<unsigned char> image, trimap;
-  Problem(int w, int h, uint32_t seed) : width(w), height(h), stride(3 * w + 7) {
+  Problem(int w, int h, uint32_t seed)
+      : width(w), height(h), stride(3 * w + 7) {
     std::mt19937 rng(seed);
     image = softmatte_test::RandomPlane(3 * w, h, stride, seed);
     trimap.assign(static_cast<size_t>(w) * h, 0);
@@ -160,8 +161,8 @@ TEST(FineSolve, MatchesADenseSolveOfTheWindowEnergy) {
       options.solver = MAT_SOLVER_FINE;
       options.epsilon = epsilon;
       mat_data problem;
-      mat_update(pb.image.data(), w, h, pb.stride, pb.Mask().data(), w,
-                 problem, options);
+      mat_update(pb.image.data(), w, h, pb.stride, pb.Mask().data(), w, problem,
+                 options);
       std::vector<unsigned char> previous = pb.trimap;
       std::vector<double> x(problem.n, -7.0);
       ASSERT_EQ(mat_solve(problem, pb.trimap.data(), previous.data(), x.data(),
@@ -222,9 +223,9 @@ TEST(SolveOptions, DefaultsGiveTheExactPathBitForBit) {
                mat_options());
     ASSERT_EQ(plain.n, optioned.n);
     const int entries = plain.rowStart[plain.n] - 1;
-    ASSERT_EQ(std::memcmp(plain.values, optioned.values,
-                          sizeof(double) * entries),
-              0);
+    ASSERT_EQ(
+        std::memcmp(plain.values, optioned.values, sizeof(double) * entries),
+        0);
     std::vector<unsigned char> a = pb.trimap, b = pb.trimap;
     mat_run(plain, pb.trimap.data(), a.data(), nullptr);
     mat_run(optioned, pb.trimap.data(), b.data(), mat_options());
@@ -261,12 +262,12 @@ TEST(FinePhotos, MeanSadStaysBelowTheMeasuredBound) {
     mat_options options;
     options.solver = MAT_SOLVER_FINE;
     mat_data problem;
-    mat_update(sample.image.pixels.data(), w, h, 3 * w, mask.data(), w,
-               problem, options);
+    mat_update(sample.image.pixels.data(), w, h, 3 * w, mask.data(), w, problem,
+               options);
     std::vector<unsigned char> alpha = sample.trimap.pixels;
-    ASSERT_EQ(mat_run(problem, sample.trimap.pixels.data(), alpha.data(),
-                      options),
-              0);
+    ASSERT_EQ(
+        mat_run(problem, sample.trimap.pixels.data(), alpha.data(), options),
+        0);
     sum += softmatte_test::SadOverUnknown(alpha, sample);
     ++count;
   }

@@ -222,7 +222,7 @@ TEST_F(SoftmatteCli, DemoWritesAMatchingAlphaForegroundAndComposite) {
   ASSERT_EQ(got.status, 0) << got.err;
   EXPECT_EQ(got.err, "");
   EXPECT_NE(got.out.find(out.string()), std::string::npos) << got.out;
-  EXPECT_EQ(std::distance(fs::directory_iterator(out), {}), 3);
+  EXPECT_EQ(std::distance(fs::directory_iterator(out), {}), 4);
   const Picture alpha = Load(out / "alpha.png", Layout::kGrey);
   const Picture fore = Load(out / "foreground.png", Layout::kBgra);
   const Picture comp = Load(out / "composite.png", Layout::kBgr);
@@ -247,6 +247,29 @@ TEST_F(SoftmatteCli, DemoWritesAMatchingAlphaForegroundAndComposite) {
   EXPECT_EQ(alpha.pixels[150 * 451 + 200], 255);
   EXPECT_EQ(alpha.pixels[150 * 451 + 440], 0);
   EXPECT_GT(fractional, 1000u);
+
+  // The overview: photo, mask, matte and composite side by side at their own
+  // size (the sample is small), in a frame of 8 grey pixels.
+  const Picture overview = Load(out / "overview.png", Layout::kBgr);
+  const Picture photo = Load(SOFTMATTE_SAMPLE_DIR "/chelsea.png", Layout::kBgr);
+  const Picture mask =
+      Load(SOFTMATTE_SAMPLE_DIR "/chelsea_mask.png", Layout::kGrey);
+  ASSERT_EQ(overview.width, 4 * 451 + 5 * 8);
+  ASSERT_EQ(overview.height, 300 + 2 * 8);
+  for (int y = 0; y < 300; ++y) {
+    for (int x = 0; x < 451; ++x) {
+      const size_t i = static_cast<size_t>(y) * 451 + x;
+      const unsigned char* row =
+          &overview.pixels[3 * (static_cast<size_t>(y + 8) * overview.width)];
+      for (int c = 0; c < 3; ++c) {
+        ASSERT_EQ(row[3 * (8 + x) + c], photo.pixels[3 * i + c]);
+        ASSERT_EQ(row[3 * (16 + 451 + x) + c], mask.pixels[i]);
+        ASSERT_EQ(row[3 * (24 + 2 * 451 + x) + c], alpha.pixels[i]);
+        ASSERT_EQ(row[3 * (32 + 3 * 451 + x) + c], comp.pixels[3 * i + c]);
+      }
+    }
+  }
+  EXPECT_EQ(overview.pixels[0], 128);
 }
 
 }  // namespace

@@ -145,7 +145,8 @@ std::vector<unsigned char> BlockyMask(const std::vector<unsigned char>& truth,
   std::vector<int> area(sum.size(), 0);
   for (int y = 0; y < height; ++y) {
     for (int x = 0; x < width; ++x) {
-      const size_t low = static_cast<size_t>(y / factor) * lowWidth + x / factor;
+      const size_t low =
+          static_cast<size_t>(y / factor) * lowWidth + x / factor;
       sum[low] += truth[static_cast<size_t>(y) * width + x];
       ++area[low];
     }
@@ -153,7 +154,8 @@ std::vector<unsigned char> BlockyMask(const std::vector<unsigned char>& truth,
   std::vector<unsigned char> mask(truth.size());
   for (int y = 0; y < height; ++y) {
     for (int x = 0; x < width; ++x) {
-      const size_t low = static_cast<size_t>(y / factor) * lowWidth + x / factor;
+      const size_t low =
+          static_cast<size_t>(y / factor) * lowWidth + x / factor;
       mask[static_cast<size_t>(y) * width + x] =
           sum[low] >= 128L * area[low] ? 255 : 0;
     }
@@ -200,8 +202,8 @@ std::vector<unsigned char> NoisyBlockyMask(
   return mask;
 }
 
-std::vector<unsigned char> MovedEdgeMask(const std::vector<unsigned char>& truth,
-                                         int width, int height, int shift) {
+std::vector<unsigned char> MovedEdgeMask(
+    const std::vector<unsigned char>& truth, int width, int height, int shift) {
   // Squared distance of every pixel to the nearest pixel of the other side:
   // growing measures from the subject, shrinking from the background.
   std::vector<unsigned char> far(truth.size());
