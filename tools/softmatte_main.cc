@@ -224,10 +224,11 @@ bool Parse(int argc, char** argv, Arguments* args, Failure* failure) {
       (flag == "--smooth" ? args->settings.smooth_window
                           : args->settings.coarse_band) = static_cast<int>(n);
     } else if (flag == "--quality") {
+      // Each solve with its own default regulariser.
       if (value == "exact") {
-        args->settings.solve.solver = MAT_SOLVER_EXACT;
+        args->settings.solve = mat_options();
       } else if (value == "fine") {
-        args->settings.solve.solver = MAT_SOLVER_FINE;
+        args->settings.solve = mat_cutout_options().solve;
       } else {
         *failure = Bad("--quality needs exact or fine, not '" + value + "'");
         return false;

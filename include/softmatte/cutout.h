@@ -28,15 +28,16 @@ enum mat_guide {
 };
 
 // Settings of mat_cutout. Value-initialised, they are the command-line
-// tool's defaults.
+// tool's defaults, chosen on masks made as segmenters make them (reduced
+// and enlarged, edges moved, stray blocks; softmatte_mask_bench).
 struct mat_cutout_options {
   // The system is solved on a copy reduced so that its longer side is
   // work_size, when both sides of the photo exceed it (as a session does).
   int work_size = 1000;
   // Masks: the unknown band reaches band_scale x the subject's
   // half-thickness to each side of the edge, at most max_band pixels.
-  int max_band = 1;
-  double band_scale = 0.01;
+  int max_band = 2;
+  double band_scale = 0.25;
   // Masks: 1 lets the photo's contrast across the mask's edge narrow the
   // band where the edge is crisp (down to min_band), sampled every
   // contrast_step pixels with the per-channel contrast range
@@ -46,22 +47,24 @@ struct mat_cutout_options {
   int contrast_step = 3;
   int contrast_low = 5;
   int contrast_high = 50;
-  // Masks: small loose pieces of the subject are dropped, and small holes in
-  // it filled, when their mean colour differs from what surrounds them by
-  // less than loose_blocks levels in every channel (the photo shows no edge
-  // there); 0 keeps the mask as it is.
-  int loose_blocks = 0;
+  // Masks: a loose piece of the subject (not its largest, at most four of
+  // the mask's own blocks) is dropped when its mean colour differs from what
+  // surrounds it by less than loose_blocks levels in every channel: the
+  // photo shows no edge there. 0 keeps every piece.
+  int loose_blocks = 6;
   // Masks: a coarse mask (a low-resolution segmentation enlarged) gets a
   // band as wide as the typical straight run of its edge, up to coarse_band
   // pixels, when that is wider than max_band; 0 keeps max_band.
-  int coarse_band = 0;
+  int coarse_band = 8;
   // Cleanup: the matte's boundary is smoothed over this window (0: not at
   // all), then only the keep_fragments largest pieces of the subject are
   // kept (0: all).
-  int smooth_window = 3;
+  int smooth_window = 0;
   int keep_fragments = 0;
-  // The solve (exact or fine, regulariser).
-  mat_options solve;
+  // The solve: fine, with a regulariser a hundred times the fine solve's
+  // default, which suits trimaps; on the bands drawn around rough masks it
+  // measured slightly better.
+  mat_options solve = {MAT_SOLVER_FINE, 1e-7};
   // 0 skips the colour estimation (foreground may then be null).
   int colours = 1;
 };

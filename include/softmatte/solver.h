@@ -100,7 +100,7 @@ struct mat_options {
 
 // The fine solve's default regulariser, chosen by measurement on the
 // alphamatting.com training photos.
-#define MAT_FINE_EPSILON 1e-7
+#define MAT_FINE_EPSILON 1e-9
 
 // mat_update with options, without row reuse: builds out afresh over the
 // nonzero pixels of mask (out is untouched when there is none). With default

@@ -58,6 +58,9 @@ __all__ = [
 # the command-line tool uses too.
 _DEFAULTS = _core.cutout_defaults()
 _QUALITIES = {"exact": _core.SOLVER_EXACT, "fine": _core.SOLVER_FINE}
+# A session always smooths its new matte's boundary; over this window unless
+# told otherwise.
+_SESSION_KSIZE = 3
 _INT_MAX = 2**31 - 1
 _WHITE = (255, 255, 255)
 
@@ -493,8 +496,7 @@ class Session:
         """(H, W) of the photo."""
         return self._shape
 
-    def matte_from_mask(self, mask, band=None, *,
-                        ksize=_DEFAULTS["smooth_window"],
+    def matte_from_mask(self, mask, band=None, *, ksize=_SESSION_KSIZE,
                         keep=_DEFAULTS["keep_fragments"]):
         """Makes the matte from a segmentation mask and returns it.
 
@@ -518,13 +520,13 @@ class Session:
             plane,
             _DEFAULTS["max_band"] if max_band is None else max_band,
             _DEFAULTS["band_scale"] if band_scale is None else band_scale,
-            _integer(ksize, "ksize", 0), _integer(keep, "keep", 0))
+            _integer(ksize, "ksize", 1), _integer(keep, "keep", 0))
         if alpha is None:
             raise ValueError("mask has no foreground (no pixel is mid-grey "
                              "or brighter)")
         return alpha
 
-    def refine(self, trimap, *, ksize=_DEFAULTS["smooth_window"],
+    def refine(self, trimap, *, ksize=_SESSION_KSIZE,
                keep=_DEFAULTS["keep_fragments"]):
         """Solves the matte over a trimap's unknown pixels and returns it.
 
@@ -540,7 +542,7 @@ class Session:
         if not (plane >= 64).any():
             raise ValueError("trimap has no foreground or unknown pixels "
                              "(none is 64 or more)")
-        return self._core.refine(plane, _integer(ksize, "ksize", 0),
+        return self._core.refine(plane, _integer(ksize, "ksize", 1),
                                  _integer(keep, "keep", 0))
 
     @property
@@ -565,14 +567,14 @@ class Session:
         """
         return self._core.foreground()
 
-    def smooth(self, ksize=_DEFAULTS["smooth_window"], keep=0):
+    def smooth(self, ksize=_SESSION_KSIZE, keep=0):
         """Smooths the matte's boundary over a ksize window (undoable).
 
         When keep is 1 or more, only the keep largest pieces of the subject
         (pixels above 0) are kept afterwards: specks go. (The keep of
         matte_from_mask and refine fills holes instead.)
         """
-        self._core.smooth(_integer(ksize, "ksize", 0),
+        self._core.smooth(_integer(ksize, "ksize", 1),
                           _integer(keep, "keep", 0))
 
     def stroke(self, mode, points, *, radius=16, hardness=0.5, ksize=5,

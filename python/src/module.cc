@@ -197,10 +197,15 @@ Bytes NewPlane(const Plane& like, int channels) {
   return Bytes({like.height, like.width, channels});
 }
 
-mat_options SolveOptions(std::optional<int> solver,
+// base with the caller's choices: another solver starts from its own
+// regulariser unless one is given.
+mat_options SolveOptions(const mat_options& base, std::optional<int> solver,
                          std::optional<double> epsilon) {
-  mat_options o;
-  if (solver) o.solver = *solver;
+  mat_options o = base;
+  if (solver && *solver != o.solver) {
+    o.solver = *solver;
+    o.epsilon = 0.0;
+  }
   if (epsilon) o.epsilon = *epsilon;
   if ((o.solver != MAT_SOLVER_EXACT && o.solver != MAT_SOLVER_FINE) ||
       !(o.epsilon >= 0.0)) {
@@ -249,7 +254,7 @@ py::tuple Cutout(const py::array& image, const py::array& guide, int kind,
   if (work_size) options.work_size = *work_size;
   if (max_band) options.max_band = *max_band;
   if (band_scale) options.band_scale = *band_scale;
-  options.solve = SolveOptions(solver, epsilon);
+  options.solve = SolveOptions(options.solve, solver, epsilon);
   Bytes alpha = NewPlane(rgb, 1);
   Bytes foreground = NewPlane(rgb, 3);
   unsigned char* a = alpha.mutable_data();
@@ -347,7 +352,7 @@ py::tuple SolveAlpha(const py::array& image, const py::array& trimap,
   const Plane rgb = Inspect(image, "image", {3});
   const Plane t = Inspect(trimap, "trimap", {1});
   RequireSize(t, rgb, "trimap");
-  const mat_options options = SolveOptions(solver, epsilon);
+  const mat_options options = SolveOptions(mat_options(), solver, epsilon);
   Bytes alpha = NewPlane(rgb, 1);
   unsigned char* a = alpha.mutable_data();
   Bytes staging = BgrBuffer(rgb);
@@ -451,7 +456,9 @@ class Session {
           std::optional<double> epsilon, int undo_depth)
       : undo_depth_(std::max(undo_depth, 0)) {
     const Plane rgb = Inspect(image, "image", {3});
-    const mat_options options = SolveOptions(solver, epsilon);
+    // The cut-out's solve unless the caller picks one.
+    const mat_options options =
+        SolveOptions(mat_cutout_options().solve, solver, epsilon);
     if (work_size < 1) throw py::value_error("work_size must be positive");
     width_ = rgb.width;
     height_ = rgb.height;
