@@ -36,7 +36,7 @@ struct mat_cutout_options {
   int work_size = 1000;
   // Masks: the unknown band reaches band_scale x the subject's
   // half-thickness to each side of the edge, at most max_band pixels.
-  int max_band = 2;
+  int max_band = 3;
   double band_scale = 0.25;
   // Masks: 1 lets the photo's contrast across the mask's edge narrow the
   // band where the edge is crisp (down to min_band), sampled every

@@ -21,38 +21,60 @@
 
 namespace cutout_steps {
 
-// The median length of the straight runs of a 0/255 mask's edge, along
-// rows and columns: 1 or 2 for a mask drawn at full resolution, about N for
-// one enlarged N times by nearest neighbour, whatever the scale's fraction.
-// The true edge then lies up to about that far from the mask's.
-int EdgeRunLength(const std::vector<unsigned char>& seg, int width,
-                  int height) {
+int EdgeRunLength(const MaskRuns& mask) {
+  const int width = mask.width;
+  const int height = mask.height;
   std::vector<int> runs;
-  // A vertical edge between columns x - 1 and x continues down the rows.
-  for (int x = 1; x < width; ++x) {
-    int run = 0;
-    for (int y = 0; y <= height; ++y) {
-      const size_t i = static_cast<size_t>(y) * width + x;
-      if (y < height && seg[i - 1] != seg[i]) {
-        ++run;
-      } else if (run > 0) {
-        runs.push_back(run);
-        run = 0;
+  // A vertical edge lies between columns x - 1 and x where a run starts or
+  // ends inside the row, and goes on down the rows that have one there too.
+  std::vector<int> length(static_cast<size_t>(width) + 1, 0);
+  std::vector<int> seen(static_cast<size_t>(width) + 1, -2);
+  std::vector<int> open;  // columns whose edge reached the previous row
+  std::vector<int> next;
+  auto edge = [&](int x, int y) {
+    length[x] = seen[x] == y - 1 ? length[x] + 1 : 1;
+    seen[x] = y;
+    next.push_back(x);
+  };
+  for (int y = 0; y <= height; ++y) {
+    next.clear();
+    if (y < height) {
+      for (size_t r = mask.rowStart[y]; r < mask.rowStart[y + 1]; ++r) {
+        if (mask.runs[r].x0 > 0) edge(mask.runs[r].x0, y);
+        if (mask.runs[r].x1 < width) edge(mask.runs[r].x1, y);
       }
     }
+    for (int x : open) {
+      if (seen[x] != y) runs.push_back(length[x]);
+    }
+    open.swap(next);
   }
-  // A horizontal edge between rows y - 1 and y continues along the row.
+  // A horizontal edge lies between rows y - 1 and y where exactly one of them
+  // covers a column: each run's ends toggle it, and ends that meet cancel.
+  std::vector<int> toggles;
   for (int y = 1; y < height; ++y) {
-    const unsigned char* above = &seg[static_cast<size_t>(y - 1) * width];
-    const unsigned char* row = above + width;
-    int run = 0;
-    for (int x = 0; x <= width; ++x) {
-      if (x < width && above[x] != row[x]) {
-        ++run;
-      } else if (run > 0) {
-        runs.push_back(run);
-        run = 0;
+    toggles.clear();
+    for (int row : {y - 1, y}) {
+      for (size_t r = mask.rowStart[row]; r < mask.rowStart[row + 1]; ++r) {
+        toggles.push_back(mask.runs[r].x0);
+        toggles.push_back(mask.runs[r].x1);
       }
+    }
+    std::sort(toggles.begin(), toggles.end());
+    bool on = false;
+    int start = 0;
+    for (size_t i = 0; i < toggles.size();) {
+      size_t j = i;
+      while (j < toggles.size() && toggles[j] == toggles[i]) ++j;
+      if ((j - i) % 2 == 1) {
+        if (on) {
+          runs.push_back(toggles[i] - start);
+        } else {
+          start = toggles[i];
+        }
+        on = !on;
+      }
+      i = j;
     }
   }
   if (runs.empty()) return 0;
@@ -60,87 +82,86 @@ int EdgeRunLength(const std::vector<unsigned char>& seg, int width,
   return runs[runs.size() / 2];
 }
 
-// Drops the loose pieces of a 0/255 mask where the photo shows no edge
-// around them: a segmenter working at low resolution leaves stray blocks
-// over the background near the subject, and the band around their edges
-// then joins the subject's and carries its colours into them. A piece
-// (4-connected) is loose when it is not the largest and holds at most four
-// blocks of the mask's own coarseness (run: its typical edge run); it goes
-// when its mean colour and the mean colour just around it differ by less
-// than contrast levels in every channel. Pieces that stand out from what
-// surrounds them (a strand of hair, a second object) stay. Holes need no
-// rule: the band covers a small one and the solve fills it from around.
-void DropLooseBlocks(const unsigned char* image, int width, int height,
-                     int stride, int contrast, int run,
-                     std::vector<unsigned char>& seg) {
-  std::vector<int> labels(seg.size());
-  const int count = ff::ipf_connected_component(seg.data(), width, height,
-                                                width, labels.data(), width);
-  if (count < 2) return;
-  struct Piece {
-    long area = 0;
-    bool subject = false;
+void DropLooseBlocks(const unsigned char* image, int stride, int contrast,
+                     int run, MaskRuns& mask, std::vector<unsigned char>& seg) {
+  const int width = mask.width;
+  const int height = mask.height;
+  if (mask.pieces < 2) return;
+  std::vector<long> area(mask.pieces, 0);
+  for (size_t r = 0; r < mask.runs.size(); ++r) {
+    area[mask.piece[r]] += mask.runs[r].x1 - mask.runs[r].x0;
+  }
+  const int largest = static_cast<int>(
+      std::max_element(area.begin(), area.end()) - area.begin());
+  const long small = 4L * run * run;
+  struct Colours {
     long inside[3] = {0, 0, 0};
     long around[3] = {0, 0, 0};
     long aroundCount = 0;
   };
-  std::vector<Piece> pieces(count);
-  for (size_t i = 0; i < seg.size(); ++i) {
-    Piece& p = pieces[labels[i]];
-    ++p.area;
-    p.subject = seg[i] != 0;
+  std::vector<Colours> colours(mask.pieces);
+  std::vector<char> loose(mask.pieces, 0);
+  for (int p = 0; p < mask.pieces; ++p) {
+    loose[p] = p != largest && area[p] <= small;
   }
-  int largest = -1;
-  for (int l = 0; l < count; ++l) {
-    if (pieces[l].subject &&
-        (largest < 0 || pieces[l].area > pieces[largest].area)) {
-      largest = l;
-    }
-  }
-  const long small = 4L * run * run;
-  std::vector<char> loose(count, 0);
-  bool any = false;
-  for (int l = 0; l < count; ++l) {
-    loose[l] = l != largest && pieces[l].subject && pieces[l].area <= small;
-    any |= loose[l] != 0;
-  }
-  if (!any) return;
-  for (int y = 0; y < height; ++y) {
-    const unsigned char* row = image + static_cast<ptrdiff_t>(y) * stride;
-    for (int x = 0; x < width; ++x) {
-      const size_t i = static_cast<size_t>(y) * width + x;
-      if (!loose[labels[i]]) continue;
-      Piece& p = pieces[labels[i]];
-      for (int c = 0; c < 3; ++c) p.inside[c] += row[3 * x + c];
-      // The colours just outside: each 4-neighbour in another piece.
+  for (size_t r = 0; r < mask.runs.size(); ++r) {
+    const int p = mask.piece[r];
+    if (!loose[p]) continue;
+    Colours& c = colours[p];
+    const int y = mask.runs[r].y;
+    for (int x = mask.runs[r].x0; x < mask.runs[r].x1; ++x) {
+      const unsigned char* px = image + static_cast<ptrdiff_t>(y) * stride;
+      for (int k = 0; k < 3; ++k) c.inside[k] += px[3 * x + k];
+      // The colours just outside: every 4-neighbour off the subject (any
+      // subject neighbour belongs to the same piece).
       const int nx[4] = {x - 1, x + 1, x, x};
       const int ny[4] = {y, y, y - 1, y + 1};
-      for (int k = 0; k < 4; ++k) {
-        if (nx[k] < 0 || ny[k] < 0 || nx[k] >= width || ny[k] >= height) {
+      for (int n = 0; n < 4; ++n) {
+        if (nx[n] < 0 || ny[n] < 0 || nx[n] >= width || ny[n] >= height ||
+            seg[static_cast<size_t>(ny[n]) * width + nx[n]] != 0) {
           continue;
         }
-        const size_t j = static_cast<size_t>(ny[k]) * width + nx[k];
-        if (labels[j] == labels[i]) continue;
         const unsigned char* q =
-            image + static_cast<ptrdiff_t>(ny[k]) * stride + 3 * nx[k];
-        for (int c = 0; c < 3; ++c) p.around[c] += q[c];
-        ++p.aroundCount;
+            image + static_cast<ptrdiff_t>(ny[n]) * stride + 3 * nx[n];
+        for (int k = 0; k < 3; ++k) c.around[k] += q[k];
+        ++c.aroundCount;
       }
     }
   }
-  for (int l = 0; l < count; ++l) {
-    if (!loose[l]) continue;
-    const Piece& p = pieces[l];
-    for (int c = 0; c < 3 && p.aroundCount > 0; ++c) {
+  bool any = false;
+  for (int p = 0; p < mask.pieces; ++p) {
+    if (!loose[p]) continue;
+    const Colours& c = colours[p];
+    for (int k = 0; k < 3 && c.aroundCount > 0; ++k) {
       const double difference =
-          static_cast<double>(p.inside[c]) / p.area -
-          static_cast<double>(p.around[c]) / p.aroundCount;
-      if (std::fabs(difference) >= contrast) loose[l] = 0;
+          static_cast<double>(c.inside[k]) / area[p] -
+          static_cast<double>(c.around[k]) / c.aroundCount;
+      if (std::fabs(difference) >= contrast) loose[p] = 0;
+    }
+    any |= loose[p] != 0;
+  }
+  if (!any) return;
+  // The dropped pieces leave the mask and its runs.
+  std::vector<MaskRun> kept;
+  std::vector<int> keptPiece;
+  std::vector<size_t> rowStart(mask.rowStart.size(), 0);
+  for (int y = 0; y < height; ++y) {
+    rowStart[y] = kept.size();
+    for (size_t r = mask.rowStart[y]; r < mask.rowStart[y + 1]; ++r) {
+      const MaskRun& piece = mask.runs[r];
+      if (loose[mask.piece[r]]) {
+        std::fill_n(&seg[static_cast<size_t>(y) * width + piece.x0],
+                    piece.x1 - piece.x0, 0);
+      } else {
+        kept.push_back(piece);
+        keptPiece.push_back(mask.piece[r]);
+      }
     }
   }
-  for (size_t i = 0; i < seg.size(); ++i) {
-    if (loose[labels[i]]) seg[i] = 0;
-  }
+  rowStart[height] = kept.size();
+  mask.runs.swap(kept);
+  mask.piece.swap(keptPiece);
+  mask.rowStart.swap(rowStart);
 }
 
 }  // namespace cutout_steps
@@ -248,12 +269,13 @@ int TrimapFromGuide(const unsigned char* image, int width, int height,
     }
     if (!subject) return MAT_CUTOUT_NO_SUBJECT;
   }
+  MaskRuns runs = FindMaskRuns(seg.data(), width, height);
   const int run = options.loose_blocks != 0 || options.coarse_band != 0
-                      ? cutout_steps::EdgeRunLength(seg, width, height)
+                      ? cutout_steps::EdgeRunLength(runs)
                       : 0;
   if (options.loose_blocks != 0) {
-    cutout_steps::DropLooseBlocks(image, width, height, stride,
-                                  options.loose_blocks, run, seg);
+    cutout_steps::DropLooseBlocks(image, stride, options.loose_blocks, run,
+                                  runs, seg);
   }
   int max_band = options.max_band;
   if (options.coarse_band != 0) {
@@ -268,7 +290,7 @@ int TrimapFromGuide(const unsigned char* image, int width, int height,
         static_cast<unsigned char>(options.contrast_high), options.min_band);
   } else {
     // The whole-plane trimap's bytes, at a cost that follows the edges.
-    MakeTrimapFromRuns(seg.data(), width, height, trimap.data(), max_band,
+    MakeTrimapFromRuns(runs, seg.data(), trimap.data(), max_band,
                        options.band_scale);
   }
   clock.Lap(&mat_cutout_timings::trimap);

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <numeric>
 #include <vector>
 
 #include "softmatte/trimap.h"
@@ -13,17 +12,7 @@ namespace {
 constexpr unsigned char kUnknown = 128;
 constexpr float kFar = 1e20f;
 
-// A row run of subject pixels, [x0, x1) of row y.
-struct Run {
-  int y;
-  int x0;
-  int x1;
-};
-
-int Root(std::vector<int>& parent, int i) {
-  while (parent[i] != i) i = parent[i] = parent[parent[i]];
-  return i;
-}
+using Run = MaskRun;
 
 // Calls emit(a, b) for every maximal piece of [x0, x1) that none of the
 // sorted, disjoint runs [first, last) covers.
@@ -59,54 +48,25 @@ int HalfSize(double thickness, double band_scale, int max_band) {
 void MakeTrimapFromRuns(const unsigned char* seg, int width, int height,
                         unsigned char* out, int max_band, double band_scale) {
   if (width < 1 || height < 1) return;
+  MakeTrimapFromRuns(FindMaskRuns(seg, width, height), seg, out, max_band,
+                     band_scale);
+}
+
+void MakeTrimapFromRuns(const MaskRuns& mask, const unsigned char* seg,
+                        unsigned char* out, int max_band, double band_scale) {
+  const int width = mask.width;
+  const int height = mask.height;
+  if (width < 1 || height < 1) return;
   const size_t w = static_cast<size_t>(width);
   std::memcpy(out, seg, w * height);
   // Half-sizes are min(trunc(sqrt(thickness) * scale), max_band): nothing
   // can be painted without a positive band and scale.
   if (max_band <= 0 || !(band_scale > 0.0)) return;
-
-  std::vector<Run> runs;
-  std::vector<size_t> rowStart(static_cast<size_t>(height) + 1);
-  for (int y = 0; y < height; ++y) {
-    rowStart[y] = runs.size();
-    const unsigned char* s = seg + y * w;
-    for (int x = 0; x < width;) {
-      if (s[x] == 0) {
-        const void* next = std::memchr(s + x, 255, width - x);
-        x = next ? static_cast<int>(static_cast<const unsigned char*>(next) - s)
-                 : width;
-        continue;
-      }
-      int end = x + 1;
-      while (end < width && s[end] != 0) ++end;
-      runs.push_back({y, x, end});
-      x = end;
-    }
-  }
-  rowStart[height] = runs.size();
+  const std::vector<MaskRun>& runs = mask.runs;
+  const std::vector<size_t>& rowStart = mask.rowStart;
+  const std::vector<int>& component = mask.piece;
+  const int count = mask.pieces;
   if (runs.empty()) return;
-
-  // Components: runs that share a column with a run of the row above.
-  std::vector<int> parent(runs.size());
-  std::iota(parent.begin(), parent.end(), 0);
-  for (int y = 1; y < height; ++y) {
-    size_t a = rowStart[y - 1];
-    for (size_t b = rowStart[y]; b < rowStart[y + 1]; ++b) {
-      while (a < rowStart[y] && runs[a].x1 <= runs[b].x0) ++a;
-      for (size_t c = a; c < rowStart[y] && runs[c].x0 < runs[b].x1; ++c) {
-        parent[Root(parent, static_cast<int>(c))] =
-            Root(parent, static_cast<int>(b));
-      }
-    }
-  }
-  std::vector<int> component(runs.size());
-  std::vector<int> id(runs.size(), -1);
-  int count = 0;
-  for (size_t r = 0; r < runs.size(); ++r) {
-    int& c = id[Root(parent, static_cast<int>(r))];
-    if (c < 0) c = count++;
-    component[r] = c;
-  }
 
   // A component holding a (2k + 1)-square of subject pixels, k >= the
   // thickness at which its band reaches max_band, is that thick: its nearest
@@ -156,7 +116,7 @@ void MakeTrimapFromRuns(const unsigned char* seg, int width, int height,
   const long long grow = k + 1;
   std::vector<float> grid;
   for (int c = 0; c < count; ++c) {
-    if (thick[c]) continue;
+    if (thick[c] || runsOf[c].empty()) continue;
     const Box& b = boxes[c];
     const int left = static_cast<int>(std::max(0LL, b.left - grow));
     const int top = static_cast<int>(std::max(0LL, b.top - grow));

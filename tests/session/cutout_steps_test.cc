@@ -16,18 +16,18 @@ TEST(EdgeRunLength, IsTheEnlargementOfABlockyMask) {
   std::vector<unsigned char> mask(width * height, 0);
   softmatte_test::FillEllipse(mask, width, height, 90, 70, 60, 45, 255);
   softmatte_test::FillEllipse(mask, width, height, 170, 40, 20, 30, 255);
+  auto length = [](const std::vector<unsigned char>& m, int w, int h) {
+    return cutout_steps::EdgeRunLength(FindMaskRuns(m.data(), w, h));
+  };
   // Drawn at full resolution the edge steps a pixel or two at a time.
-  EXPECT_LE(cutout_steps::EdgeRunLength(mask, width, height), 2);
+  EXPECT_LE(length(mask, width, height), 2);
   for (int factor : {3, 4, 8, 16}) {
-    EXPECT_EQ(cutout_steps::EdgeRunLength(
-                  softmatte_test::BlockyMask(mask, width, height, factor),
-                  width, height),
+    EXPECT_EQ(length(softmatte_test::BlockyMask(mask, width, height, factor),
+                     width, height),
               factor)
         << factor;
   }
-  EXPECT_EQ(
-      cutout_steps::EdgeRunLength(std::vector<unsigned char>(99, 255), 11, 9),
-      0);
+  EXPECT_EQ(length(std::vector<unsigned char>(99, 255), 11, 9), 0);
 }
 
 TEST(DropLooseBlocks, DropsOnlyStraysThePhotoDoesNotShow) {
@@ -57,8 +57,12 @@ TEST(DropLooseBlocks, DropsOnlyStraysThePhotoDoesNotShow) {
   block(46, 6, 4);   // on the bright object: stays
   block(26, 20, 9);  // over background but larger than four blocks: stays
   const std::vector<unsigned char> before = seg;
-  cutout_steps::DropLooseBlocks(image.data(), width, height, 3 * width, 6, 4,
-                                seg);
+  MaskRuns runs = FindMaskRuns(seg.data(), width, height);
+  cutout_steps::DropLooseBlocks(image.data(), 3 * width, 6, 4, runs, seg);
+  // The runs follow the mask.
+  const MaskRuns again = FindMaskRuns(seg.data(), width, height);
+  ASSERT_EQ(runs.runs.size(), again.runs.size());
+  EXPECT_EQ(runs.rowStart, again.rowStart);
   for (int y = 0; y < height; ++y) {
     for (int x = 0; x < width; ++x) {
       const bool gone = x >= 26 && x < 30 && y >= 4 && y < 8;
