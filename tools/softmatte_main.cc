@@ -1,6 +1,7 @@
 // softmatte: a finished cut-out (alpha, foreground, composite) from a photo
 // and a rough mask, trimap or scribbles. See the README for the options.
 
+#include <malloc.h>
 #include <sys/stat.h>
 
 #include <cctype>
@@ -505,9 +506,16 @@ int Run(int argc, char** argv) {
   };
   const RowSource foreground_rows = [&](int y, unsigned char* row) {
     const size_t at = static_cast<size_t>(y) * width;
+    // A transparent pixel's colour shows nowhere: black there costs the
+    // compressor far less than the photo's background would.
     for (int x = 0; x < width; ++x) {
-      std::memcpy(&row[4 * x], &colours[3 * (at + x)], 3);
-      row[4 * x + 3] = alpha[at + x];
+      const unsigned char a = alpha[at + x];
+      if (a != 0) {
+        std::memcpy(&row[4 * x], &colours[3 * (at + x)], 3);
+      } else {
+        std::memset(&row[4 * x], 0, 3);
+      }
+      row[4 * x + 3] = a;
     }
     return row;
   };
@@ -550,4 +558,13 @@ int Run(int argc, char** argv) {
 }  // namespace
 }  // namespace softmatte_tool
 
-int main(int argc, char** argv) { return softmatte_tool::Run(argc, argv); }
+int main(int argc, char** argv) {
+#if defined(__GLIBC__)
+  // A cut-out takes and frees a few planes of the photo's size in turn.
+  // Served from the heap and kept there when freed, each is faulted in once
+  // instead of being mapped, touched and returned to the kernel anew.
+  mallopt(M_MMAP_THRESHOLD, 1 << 30);
+  mallopt(M_TRIM_THRESHOLD, 1 << 30);
+#endif
+  return softmatte_tool::Run(argc, argv);
+}

@@ -46,7 +46,10 @@ def test_matches_the_tool_bit_for_bit(tool, chelsea, tmp_path, guide,
     np.testing.assert_array_equal(
         result.alpha, read_png(tmp_path / "out" / "alpha.png", "L"))
     np.testing.assert_array_equal(result.alpha, foreground[..., 3])
-    np.testing.assert_array_equal(result.foreground, foreground[..., :3])
+    # The file keeps black where the matte is 0: nothing shows there.
+    visible = result.alpha[..., None] > 0
+    np.testing.assert_array_equal(np.where(visible, result.foreground, 0),
+                                  foreground[..., :3])
     composite = read_png(tmp_path / "out" / "composite.png", "RGB")
     np.testing.assert_array_equal(result.composite(), composite)
 

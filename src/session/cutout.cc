@@ -215,14 +215,16 @@ bool ValidOptions(const mat_cutout_options& o) {
           o.solve.solver == MAT_SOLVER_FINE);
 }
 
-// The packed trimap (0, 128, 255) the guide describes, or a status.
+// The packed trimap (0, 128, 255) the guide describes, or a status. seg
+// holds the mask on the way, when there is one.
 int TrimapFromGuide(const unsigned char* image, int width, int height,
                     int stride, const unsigned char* guide, int guide_stride,
                     int guide_kind, const mat_cutout_options& options,
-                    Stopwatch& clock, std::vector<unsigned char>& trimap) {
+                    Stopwatch& clock, std::vector<unsigned char>& trimap,
+                    std::vector<unsigned char>& seg) {
   const size_t count = static_cast<size_t>(width) * height;
   trimap.assign(count, 0);
-  std::vector<unsigned char> seg(count);
+  if (guide_kind != MAT_GUIDE_TRIMAP) seg.resize(count);
   bool subject = false;
   if (guide_kind == MAT_GUIDE_TRIMAP) {
     for (int y = 0; y < height; ++y) {
@@ -353,9 +355,10 @@ int mat_cutout(const unsigned char* image, int width, int height, int stride,
   }
   Stopwatch clock(timings);
   std::vector<unsigned char> trimap;
+  std::vector<unsigned char> matte;  // the mask's plane, reused
   const int status =
       TrimapFromGuide(image, width, height, stride, guide, guide_stride,
-                      guide_kind, options, clock, trimap);
+                      guide_kind, options, clock, trimap, matte);
   if (status != MAT_CUTOUT_OK) return status;
 
   // The working size of a session: reduced only when both sides exceed it,
@@ -376,7 +379,7 @@ int mat_cutout(const unsigned char* image, int width, int height, int stride,
   // In the session's polarity from here on, where its solve and smoothing
   // run.
   Complement(trimap);
-  std::vector<unsigned char> matte = trimap;
+  matte = trimap;
   std::vector<unsigned char> work_image(3 * work_count);
   std::vector<unsigned char> work_alpha(work_count);
   if (solvable) {

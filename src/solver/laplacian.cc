@@ -307,15 +307,19 @@ void Assemble(const unsigned char* image, int width, int height, int stride,
                         previous.indexMap != nullptr &&
                         previous.width == width && previous.height == height;
   bool* reused = static_cast<bool*>(std::calloc(static_cast<size_t>(n), 1));
-  Colour* colours = ToUnit<Colour>(image, stride, left, top, rw, rh);
   double* records = static_cast<double*>(
       std::calloc(static_cast<size_t>(n) * kSlots, sizeof(double)));
-  if (reused == nullptr || colours == nullptr || records == nullptr) {
+  if (reused == nullptr || records == nullptr) {
     std::free(reused);
-    std::free(colours);
     std::free(records);
     std::free(labels);
     return;
+  }
+  // Each window reads its nine colours through a table of the 256 values:
+  // the same numbers as a converted copy of the rectangle, without one.
+  Colour unit[256];
+  for (int v = 0; v < 256; ++v) {
+    unit[v] = ByteToUnit<Colour>(static_cast<unsigned char>(v));
   }
 
   int pos = 1;
@@ -394,10 +398,14 @@ void Assemble(const unsigned char* image, int width, int height, int stride,
         for (int j = k + 1; j < kWindow; ++j) needed |= number[j] >= 0;
       }
       if (!needed) continue;
+      Colour colour[kWindow][3];
       const Colour* w[kWindow];
       for (int k = 0; k < kWindow; ++k) {
-        w[k] = colours + 3 * ((static_cast<size_t>(y) + k / 3 - 1) * rw +
-                              (x + k % 3 - 1));
+        const unsigned char* p =
+            image + (static_cast<size_t>(top) + y + k / 3 - 1) * stride +
+            3 * (static_cast<size_t>(left) + x + k % 3 - 1);
+        for (int c = 0; c < 3; ++c) colour[k][c] = unit[p[c]];
+        w[k] = colour[k];
       }
       model.Fit(w);
       for (const WindowPair& pair : kPairTable.pairs) {
@@ -424,7 +432,6 @@ void Assemble(const unsigned char* image, int width, int height, int stride,
   ZeroSumDiagonal(fresh);
 
   std::free(records);
-  std::free(colours);
   std::free(reused);
   std::free(labels);
   out.swap(fresh);
