@@ -2,11 +2,14 @@
 // and a rough mask, trimap or scribbles. See the README for the options.
 
 #include <malloc.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 
 #include <cctype>
 #include <cerrno>
 #include <chrono>
+#include <climits>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -558,13 +561,37 @@ int Run(int argc, char** argv) {
 }  // namespace
 }  // namespace softmatte_tool
 
-int main(int argc, char** argv) {
-#if defined(__GLIBC__)
-  // A cut-out takes and frees a few planes of the photo's size in turn.
-  // Served from the heap and kept there when freed, each is faulted in once
-  // instead of being mapped, touched and returned to the kernel anew.
-  mallopt(M_MMAP_THRESHOLD, 1 << 30);
-  mallopt(M_TRIM_THRESHOLD, 1 << 30);
+namespace {
+
+// A cut-out takes and frees a few planes of the photo's size in turn: tens
+// of thousands of page faults and TLB misses at 4 KB a page. The planes are
+// served from one heap that is never returned to the kernel, and that heap
+// is marked for transparent huge pages up front, so that a 12-megapixel run
+// faults a few hundred times instead of forty thousand.
+void PrepareHeapForLargePlanes() {
+#if defined(__GLIBC__) && defined(__linux__) && \
+    !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+  // (The sanitizers bring their own allocators.)
+  mallopt(M_MMAP_MAX, 0);
+  mallopt(M_TRIM_THRESHOLD, INT_MAX);
+  constexpr size_t kReserve = size_t{1} << 30;
+  constexpr uintptr_t kHugePage = uintptr_t{1} << 21;
+  void* block = std::malloc(kReserve);
+  if (block == nullptr) return;
+  const uintptr_t begin =
+      (reinterpret_cast<uintptr_t>(block) + kHugePage - 1) & ~(kHugePage - 1);
+  const uintptr_t end =
+      (reinterpret_cast<uintptr_t>(block) + kReserve) & ~(kHugePage - 1);
+  if (end > begin) {
+    madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
+  }
+  std::free(block);
 #endif
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  PrepareHeapForLargePlanes();
   return softmatte_tool::Run(argc, argv);
 }
