@@ -1,14 +1,13 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <cstring>
 #include <random>
 #include <vector>
 
 #include "colour/fb_color.h"
-#include "peak_memory.h"
+#include "full_vs_band.h"
 #include "softmatte/colour.h"
 #include "softmatte/ff/ipf.h"
 #include "test_util.h"
@@ -155,30 +154,7 @@ void CompareBandWithFull(benchmark::State& state, const Scene& s) {
     estimate_foreground_band(s.image.data(), w, h, w * 3, s.alpha.data(), w,
                              out, w * 3, 1, 253);
   };
-  std::vector<unsigned char> fullOut(s.image.size());
-  std::vector<unsigned char> bandOut(s.image.size(), 1);
-  using Clock = std::chrono::steady_clock;
-  double fullSeconds = 0;
-  double bandSeconds = 0;
-  for (auto _ : state) {
-    const auto t0 = Clock::now();
-    full(fullOut.data());
-    const auto t1 = Clock::now();
-    band(bandOut.data());
-    const auto t2 = Clock::now();
-    fullSeconds += std::chrono::duration<double>(t1 - t0).count();
-    bandSeconds += std::chrono::duration<double>(t2 - t1).count();
-    benchmark::DoNotOptimize(bandOut.data());
-  }
-  const double n = static_cast<double>(state.iterations());
-  state.counters["full_ms"] = 1e3 * fullSeconds / n;
-  state.counters["band_ms"] = 1e3 * bandSeconds / n;
-  state.counters["full_per_band"] = fullSeconds / bandSeconds;
-  state.counters["identical"] = fullOut == bandOut ? 1 : 0;
-  state.counters["full_peak_MB"] =
-      softmatte_bench::PeakGrowthMB(s.image.size(), full);
-  state.counters["band_peak_MB"] =
-      softmatte_bench::PeakGrowthMB(s.image.size(), band);
+  softmatte_bench::CompareFullAndBand(state, s.image.size(), full, band, 1);
   state.counters["band_share_%"] = BandShare(s);
 }
 

@@ -1,7 +1,6 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <cstring>
 #include <random>
@@ -9,7 +8,7 @@
 
 #include "copy_reference.h"
 #include "edit/cleanup_band.h"
-#include "peak_memory.h"
+#include "full_vs_band.h"
 #include "softmatte/edit.h"
 
 namespace {
@@ -66,25 +65,33 @@ void BM_memcpy_matte(benchmark::State& state) {
 }
 BENCHMARK(BM_memcpy_matte)->Unit(benchmark::kMillisecond);
 
-void BM_mat_smooth_boundary(benchmark::State& state) {
+// The exported smoothing and its band-only counterpart.
+template <typename Smooth>
+void BM_smooth(benchmark::State& state, Smooth smooth) {
   const int ksize = static_cast<int>(state.range(0));
   const std::vector<unsigned char>& src = RealisticMatte();
   std::vector<unsigned char> dst(src.size());
   for (auto _ : state) {
-    mat_smooth_boundary(src.data(), kWidth, kHeight, kWidth, dst.data(), kWidth,
-                        ksize);
+    smooth(src.data(), kWidth, kHeight, kWidth, dst.data(), kWidth, ksize);
     benchmark::DoNotOptimize(dst.data());
   }
   state.SetItemsProcessed(state.iterations() * kWidth * kHeight);
 }
 // 3 takes the dedicated 3x3 mean, larger windows the box mean.
-BENCHMARK(BM_mat_smooth_boundary)
+BENCHMARK_CAPTURE(BM_smooth, mat_smooth_boundary, mat_smooth_boundary)
+    ->ArgName("ksize")
+    ->Arg(3)
+    ->Arg(9)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_smooth, smooth_boundary_band, smooth_boundary_band)
     ->ArgName("ksize")
     ->Arg(3)
     ->Arg(9)
     ->Unit(benchmark::kMillisecond);
 
-void BM_vm_erase_small_cc(benchmark::State& state) {
+// The exported fragment removal and its run-based counterpart.
+template <typename Erase>
+void BM_erase(benchmark::State& state, Erase erase) {
   const std::vector<unsigned char>& src = RealisticMatte();
   std::vector<unsigned char> alpha(src.size());
   for (auto _ : state) {
@@ -92,43 +99,15 @@ void BM_vm_erase_small_cc(benchmark::State& state) {
     state.PauseTiming();
     std::memcpy(alpha.data(), src.data(), src.size());
     state.ResumeTiming();
-    vm_erase_small_cc(alpha.data(), kWidth, kHeight, kWidth, 0, 1);
+    erase(alpha.data(), kWidth, kHeight, kWidth, 0, 1);
     benchmark::DoNotOptimize(alpha.data());
   }
   state.SetItemsProcessed(state.iterations() * kWidth * kHeight);
 }
-BENCHMARK(BM_vm_erase_small_cc)->Unit(benchmark::kMillisecond);
-
-void BM_smooth_boundary_band(benchmark::State& state) {
-  const int ksize = static_cast<int>(state.range(0));
-  const std::vector<unsigned char>& src = RealisticMatte();
-  std::vector<unsigned char> dst(src.size());
-  for (auto _ : state) {
-    smooth_boundary_band(src.data(), kWidth, kHeight, kWidth, dst.data(),
-                         kWidth, ksize);
-    benchmark::DoNotOptimize(dst.data());
-  }
-  state.SetItemsProcessed(state.iterations() * kWidth * kHeight);
-}
-BENCHMARK(BM_smooth_boundary_band)
-    ->ArgName("ksize")
-    ->Arg(3)
-    ->Arg(9)
+BENCHMARK_CAPTURE(BM_erase, vm_erase_small_cc, vm_erase_small_cc)
     ->Unit(benchmark::kMillisecond);
-
-void BM_erase_small_cc_runs(benchmark::State& state) {
-  const std::vector<unsigned char>& src = RealisticMatte();
-  std::vector<unsigned char> alpha(src.size());
-  for (auto _ : state) {
-    state.PauseTiming();
-    std::memcpy(alpha.data(), src.data(), src.size());
-    state.ResumeTiming();
-    erase_small_cc_runs(alpha.data(), kWidth, kHeight, kWidth, 0, 1);
-    benchmark::DoNotOptimize(alpha.data());
-  }
-  state.SetItemsProcessed(state.iterations() * kWidth * kHeight);
-}
-BENCHMARK(BM_erase_small_cc_runs)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_erase, erase_small_cc_runs, erase_small_cc_runs)
+    ->Unit(benchmark::kMillisecond);
 
 // The session's cleanup of a 12-megapixel matte (smoothing in place with a
 // 3 x 3 mean, then keeping the largest fragment), by the exported functions
@@ -146,30 +125,7 @@ void BM_cleanup_band_vs_full_12MP(benchmark::State& state) {
     smooth_boundary_band(alpha, kWidth, kHeight, kWidth, alpha, kWidth, 3);
     erase_small_cc_runs(alpha, kWidth, kHeight, kWidth, 0, 1);
   };
-  std::vector<unsigned char> fullOut(src.size());
-  std::vector<unsigned char> bandOut(src.size());
-  using Clock = std::chrono::steady_clock;
-  double fullSeconds = 0;
-  double bandSeconds = 0;
-  for (auto _ : state) {
-    const auto t0 = Clock::now();
-    full(fullOut.data());
-    const auto t1 = Clock::now();
-    band(bandOut.data());
-    const auto t2 = Clock::now();
-    fullSeconds += std::chrono::duration<double>(t1 - t0).count();
-    bandSeconds += std::chrono::duration<double>(t2 - t1).count();
-    benchmark::DoNotOptimize(bandOut.data());
-  }
-  const double n = static_cast<double>(state.iterations());
-  state.counters["full_ms"] = 1e3 * fullSeconds / n;
-  state.counters["band_ms"] = 1e3 * bandSeconds / n;
-  state.counters["full_per_band"] = fullSeconds / bandSeconds;
-  state.counters["identical"] = fullOut == bandOut ? 1 : 0;
-  state.counters["full_peak_MB"] =
-      softmatte_bench::PeakGrowthMB(src.size(), full);
-  state.counters["band_peak_MB"] =
-      softmatte_bench::PeakGrowthMB(src.size(), band);
+  softmatte_bench::CompareFullAndBand(state, src.size(), full, band);
 }
 BENCHMARK(BM_cleanup_band_vs_full_12MP)
     ->Unit(benchmark::kMillisecond)
