@@ -2,9 +2,8 @@
 // assembly (mat_update), the whole solve (mat_run), the parts of the solve
 // that are ours rather than SuperLU's, and the fine solve's factorisation.
 #include <benchmark/benchmark.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -14,6 +13,7 @@
 #include <memory>
 #include <vector>
 
+#include "peak_memory.h"
 #include "softmatte/solver.h"
 #include "solver/sparse_expand.h"
 #include "solver/supernodal_ldlt.h"
@@ -91,54 +91,6 @@ BENCHMARK(BM_mat_update)
     ->ArgsProduct({kPhotos})
     ->Unit(benchmark::kMillisecond);
 
-// Growth of the peak resident set over one solve, in KiB, measured in a
-// forked child: the kernel resets the child's high-water mark to its
-// current size (clear_refs 5), so only what the solve adds is counted, and
-// the parent's heap is left as it was.
-double SolvePeakKiB(Photo& photo, std::vector<unsigned char>& alpha) {
-  std::fflush(stdout);
-  int fds[2];
-  if (pipe(fds) != 0) return -1.0;
-  const pid_t pid = fork();
-  if (pid == 0) {
-    close(fds[0]);
-    auto statusKiB = [](const char* key) {
-      long kib = -1;
-      if (FILE* f = std::fopen("/proc/self/status", "r")) {
-        char line[256];
-        while (std::fgets(line, sizeof line, f)) {
-          if (std::strncmp(line, key, std::strlen(key)) == 0) {
-            kib = std::atol(line + std::strlen(key));
-          }
-        }
-        std::fclose(f);
-      }
-      return kib;
-    };
-    long base = -1;
-    if (FILE* f = std::fopen("/proc/self/clear_refs", "w")) {
-      std::fputs("5", f);
-      std::fclose(f);
-      base = statusKiB("VmRSS:");
-    }
-    mat_run(photo.problem, photo.sample.trimap.pixels.data(), alpha.data(),
-            nullptr);
-    const long peak = statusKiB("VmHWM:");
-    const long grown = base >= 0 && peak >= 0 ? peak - base : -1;
-    ssize_t written = write(fds[1], &grown, sizeof grown);
-    (void)written;
-    _exit(0);
-  }
-  close(fds[1]);
-  long grown = -1;
-  if (pid > 0) {
-    if (read(fds[0], &grown, sizeof grown) != sizeof grown) grown = -1;
-    waitpid(pid, nullptr, 0);
-  }
-  close(fds[0]);
-  return static_cast<double>(grown);
-}
-
 void BM_mat_run(benchmark::State& state) {
   Photo* photo = LoadPhoto(static_cast<int>(state.range(0)));
   if (photo == nullptr) {
@@ -146,7 +98,13 @@ void BM_mat_run(benchmark::State& state) {
     return;
   }
   std::vector<unsigned char> alpha = photo->sample.trimap.pixels;
-  const double peak = SolvePeakKiB(*photo, alpha);
+  // The record's diagonal is restored after each solve, so a solve in a
+  // forked child leaves the problem as it found it.
+  const double peak =
+      softmatte_bench::PeakGrowthMB(alpha.size(), [&](unsigned char* out) {
+        mat_run(photo->problem, photo->sample.trimap.pixels.data(), out,
+                nullptr);
+      });
   for (auto _ : state) {
     // The record's diagonal is restored after each solve, so the same
     // problem is solved every time.
@@ -156,12 +114,49 @@ void BM_mat_run(benchmark::State& state) {
     benchmark::DoNotOptimize(result);
   }
   state.counters["unknowns"] = photo->problem.n;
-  state.counters["peak_MiB"] = peak / 1024.0;
+  state.counters["peak_MB"] = peak;
   state.counters["SAD"] = softmatte_test::SadOverUnknown(alpha, photo->sample);
 }
 BENCHMARK(BM_mat_run)
     ->ArgName("photo")
     ->ArgsProduct({kPhotos})
+    ->Unit(benchmark::kMillisecond);
+
+// Assembly and solve by the exact path (0) and the fine one (1, at its
+// default regulariser) on the same photos, fresh each time as a caller
+// meets them: the time, the SAD over the trimap's unknown pixels and the
+// growth of the peak resident set.
+void BM_solve_exact_vs_fine(benchmark::State& state) {
+  Photo* photo = LoadPhoto(static_cast<int>(state.range(0)));
+  if (photo == nullptr) {
+    state.SkipWithError("alphamatting photos not found beside the project");
+    return;
+  }
+  mat_options options;
+  if (state.range(1) == 1) options.solver = MAT_SOLVER_FINE;
+  const int w = photo->sample.image.width;
+  const unsigned char* trimap = photo->sample.trimap.pixels.data();
+  auto solve = [&](unsigned char* alpha) {
+    mat_data problem;
+    mat_update(photo->sample.image.pixels.data(), w, photo->sample.image.height,
+               3 * w, photo->mask.data(), w, problem, options);
+    mat_run(problem, trimap, alpha, options);
+  };
+  std::vector<unsigned char> alpha = photo->sample.trimap.pixels;
+  for (auto _ : state) {
+    solve(alpha.data());
+    benchmark::DoNotOptimize(alpha.data());
+  }
+  state.counters["SAD"] = softmatte_test::SadOverUnknown(alpha, photo->sample);
+  state.counters["peak_MB"] =
+      softmatte_bench::PeakGrowthMB(alpha.size(), [&](unsigned char* out) {
+        std::copy(alpha.begin(), alpha.end(), out);
+        solve(out);
+      });
+}
+BENCHMARK(BM_solve_exact_vs_fine)
+    ->ArgNames({"photo", "fine"})
+    ->ArgsProduct({kPhotos, {0, 1}})
     ->Unit(benchmark::kMillisecond);
 
 // The driver's own work before SuperLU: the upper triangle expanded to full
