@@ -103,23 +103,20 @@ Run2d Transform2d(const std::vector<unsigned char>& labels, int width,
 }
 
 TEST(DistanceField, CreateSetsGeometryAndTruncatedWeights) {
-  ff::dist_field* f2 = ff::ipf_create_distance_field_2d(31, 9, 100);
-  EXPECT_EQ(f2->width, 31);
-  EXPECT_EQ(f2->height, 9);
-  EXPECT_EQ(f2->depth, 1);
-  EXPECT_EQ(f2->neighbour_count, 8);
-  EXPECT_EQ(f2->flags, 1);
-  EXPECT_EQ(std::vector<int>(f2->weights, f2->weights + 8),
-            (std::vector<int>{141, 100, 141, 100, 100, 141, 100, 141}));
-  ff::ipf_release_distance_field(f2);
   // 7 * 1.414 = 9.898 and 7 * 1.732 = 12.124 truncate, not round.
+  ff::dist_field* f2 = ff::ipf_create_distance_field_2d(31, 9, 7);
   ff::dist_field* f3 = ff::ipf_create_distance_field_3d(4, 5, 6, 7);
-  EXPECT_EQ(f3->depth, 6);
-  EXPECT_EQ(f3->neighbour_count, 26);
-  EXPECT_EQ(f3->flags, 1);
+  EXPECT_EQ(
+      std::vector<int>({f2->width, f2->height, f2->depth, f2->neighbour_count,
+                        f2->flags, f3->width, f3->height, f3->depth,
+                        f3->neighbour_count, f3->flags}),
+      std::vector<int>({31, 9, 1, 8, 1, 4, 5, 6, 26, 1}));
+  EXPECT_EQ(std::vector<int>(f2->weights, f2->weights + 8),
+            (std::vector<int>{9, 7, 9, 7, 7, 9, 7, 9}));
   EXPECT_EQ(std::vector<int>(f3->weights, f3->weights + 26),
             (std::vector<int>{12, 9, 12, 9, 7,  9, 12, 9, 12, 9, 7,  9, 7,
                               7,  9, 7,  9, 12, 9, 12, 9, 7,  9, 12, 9, 12}));
+  ff::ipf_release_distance_field(f2);
   ff::ipf_release_distance_field(f3);
   ff::ipf_release_distance_field(nullptr);
 }
@@ -186,33 +183,27 @@ TEST(DistanceTransform, RejectsMismatchAndNullsWithoutWriting) {
   labels[13] = kTarget;
   Dists dist(27, 77);
   ff::dist_field* flat = ff::ipf_create_distance_field_2d(6, 4, 100);
-  for (auto [field, l, w, h, d] :
-       {std::tuple{static_cast<ff::dist_field*>(nullptr), labels.data(), 6, 4,
-                   dist.data()},
-        {flat, labels.data(), 7, 4, dist.data()},
-        {flat, labels.data(), 6, 3, dist.data()},
-        {flat, nullptr, 6, 4, dist.data()},
-        {flat, labels.data(), 6, 4, nullptr}}) {
-    EXPECT_EQ(ff::ipf_distance_transform_2d(field, l, w, h, 6, kTarget, d, 6,
+  ff::dist_field* cube = ff::ipf_create_distance_field_3d(3, 3, 3, 100);
+  unsigned char* l = labels.data();
+  unsigned int* d = dist.data();
+  for (auto [field, lp, w, h, dp] :
+       {std::tuple{static_cast<ff::dist_field*>(nullptr), l, 6, 4, d},
+        {flat, l, 7, 4, d},
+        {flat, l, 6, 3, d},
+        {flat, nullptr, 6, 4, d},
+        {flat, l, 6, 4, nullptr}})
+    EXPECT_EQ(ff::ipf_distance_transform_2d(field, lp, w, h, 6, kTarget, dp, 6,
                                             nullptr, 0),
               -1);
-  }
-  ff::dist_field* cube = ff::ipf_create_distance_field_3d(3, 3, 3, 100);
-  ff::ipf_distance_transform_3d(cube, labels.data(), 3, 3, 2, kTarget,
-                                dist.data(), nullptr);
-  ff::ipf_distance_transform_3d(cube, nullptr, 3, 3, 3, kTarget, dist.data(),
-                                nullptr);
+  ff::ipf_distance_transform_3d(cube, l, 3, 3, 2, kTarget, d, nullptr);
+  ff::ipf_distance_transform_3d(cube, nullptr, 3, 3, 3, kTarget, d, nullptr);
   EXPECT_EQ(dist, Dists(27, 77));
-  ff::ipf_release_distance_field(cube);
-
   // A 3-D field of the same width and height passes the checks but runs no
   // 8-neighbour sweep: everything, targets too, comes out unreached.
   ff::dist_field* volume = ff::ipf_create_distance_field_3d(6, 4, 1, 100);
-  ff::ipf_distance_transform_2d(volume, labels.data(), 6, 4, 6, kTarget,
-                                dist.data(), 6, nullptr, 0);
+  ff::ipf_distance_transform_2d(volume, l, 6, 4, 6, kTarget, d, 6, nullptr, 0);
   EXPECT_EQ(Dists(dist.begin(), dist.begin() + 24), Dists(24, kUnreached));
-  ff::ipf_release_distance_field(volume);
-  ff::ipf_release_distance_field(flat);
+  for (auto* f : {flat, cube, volume}) ff::ipf_release_distance_field(f);
 }
 
 TEST(DistanceTransform3d, MatchesShortestPathsAndRespectsWalls) {

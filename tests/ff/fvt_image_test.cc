@@ -31,22 +31,43 @@ int PaddedRow(int rowBytes, int align) {
   return step;
 }
 
-TEST(FVTImage, RowsArePaddedToTheAlignment) {
+// Owners pad rows to the alignment (0 gives no row, -1 the bare row);
+// copies of views, made or assigned, own their pixels with 4-byte rows.
+TEST(FVTImage, OwnersPadRowsAndCopiesOfViewsOwnTheirPixels) {
+  uint32_t seed = 1;
   for (int type : {0x111, 0x311, 0x223, 0x345}) {
     for (int width = 1; width <= 17; ++width) {
+      const int rowBytes = width * PixelBytes(type), stride = rowBytes + 5;
       for (int align : {1, 2, 4, 8, 16}) {
         FVTImage img(width, 3, type, align);
-        const int step = PaddedRow(width * PixelBytes(type), align);
-        ASSERT_EQ(Of(img), Fields(img.data, width, 3, step, type, 1));
+        ASSERT_EQ(Of(img), Fields(img.data, width, 3,
+                                  PaddedRow(rowBytes, align), type, 1));
         // Under ASan a block smaller than step * height fails here.
         std::memset(img.data, 0x5A, static_cast<size_t>(img.step) * 3);
       }
+      // A view of odd stride that starts at an odd address.
+      Bytes buffer = softmatte_test::RandomBytes(stride * 4 + 3, seed++);
+      const Bytes original = buffer;
+      FVTImage view;
+      view.Attach(buffer.data() + 3, width, 4, type, stride);
+      const FVTImage copy(view);
+      FVTImage assigned(2, 2, 0x111, 4);  // its old block must be released
+      assigned = view;
+      std::fill(buffer.begin(), buffer.end(), 0);
+      for (const FVTImage* c :
+           {&copy, static_cast<const FVTImage*>(&assigned)}) {
+        ASSERT_EQ(Of(*c),
+                  Fields(c->data, width, 4, PaddedRow(rowBytes, 4), type, 1));
+        for (int y = 0; y < 4; ++y)
+          ASSERT_EQ(std::memcmp(c->data + y * c->step,
+                                original.data() + 3 + y * stride, rowBytes),
+                    0)
+              << "type " << type << " width " << width << " row " << y;
+      }
     }
   }
-  // Degenerate alignments: 0 gives no row at all, -1 the bare row.
   EXPECT_EQ(FVTImage(5, 2, 0x311, 0).step, 0);
   EXPECT_EQ(FVTImage(5, 2, 0x311, -1).step, 15);
-
   // ResetIf keeps a same-shape view; any difference makes an owner with
   // 4-byte rows.
   Bytes caller(100, 0x33);
@@ -87,37 +108,6 @@ TEST(FVTImage, AttachROIClipsToTheSourceAndKeepsTheOldFormatWhenEmpty) {
   const Fields before = Of(img);
   img.AttachROI(img, ff::RectT<int>{1, 1, 2, 2});
   EXPECT_EQ(Of(img), before);
-}
-
-TEST(FVTImage, CopiesOfViewsOwnTheirPixelsWithFourByteRows) {
-  uint32_t seed = 1;
-  for (int type : {0x111, 0x311, 0x223}) {
-    for (int width : {1, 3, 5, 8}) {
-      SCOPED_TRACE(testing::Message() << "type " << type << " width " << width);
-      const int rowBytes = width * PixelBytes(type);
-      const int stride = rowBytes + 5;
-      // A view of odd stride that starts at an odd address.
-      Bytes buffer = softmatte_test::RandomBytes(stride * 4 + 3, seed++);
-      const Bytes original = buffer;
-      FVTImage view;
-      view.Attach(buffer.data() + 3, width, 4, type, stride);
-      const FVTImage copy(view);
-      FVTImage assigned(2, 2, 0x111, 4);  // its old block must be released
-      assigned = view;
-      std::fill(buffer.begin(), buffer.end(), 0);
-      for (const FVTImage* img :
-           {&copy, static_cast<const FVTImage*>(&assigned)}) {
-        ASSERT_EQ(Of(*img),
-                  Fields(img->data, width, 4, PaddedRow(rowBytes, 4), type, 1));
-        for (int y = 0; y < 4; ++y) {
-          ASSERT_EQ(std::memcmp(img->data + y * img->step,
-                                original.data() + 3 + y * stride, rowBytes),
-                    0)
-              << "row " << y;
-        }
-      }
-    }
-  }
 }
 
 TEST(FVTImage, ReshapeRegroupsOnlyContiguousRowsThatDivideExactly) {

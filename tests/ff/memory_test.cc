@@ -50,23 +50,6 @@ std::vector<void*> DeletedAmong(const std::vector<void*>& blocks, F f) {
 std::vector<int> g_calls;
 void* g_block = nullptr;
 bool g_block_gone_first = false;
-void First() {
-  g_calls.push_back(1);
-  // Blocks go before any callback runs.
-  g_block_gone_first =
-      std::count(g_deleted.begin(), g_deleted.end(), g_block) == 1;
-}
-void Late() { g_calls.push_back(4); }
-void Registers() {
-  g_calls.push_back(2);
-  ff::ff_add_gfree_func(Late);
-}
-void Throws() {
-  g_calls.push_back(3);
-  throw 42;
-}
-void Fifth() { g_calls.push_back(5); }
-
 TEST(Registry, FreesInSlotOrderRefillingHolesThenRunsCallbacks) {
   // A model of the slots, grown past several tables: ff_gfree leaves holes
   // that new blocks take lowest first.
@@ -101,11 +84,22 @@ TEST(Registry, FreesInSlotOrderRefillingHolesThenRunsCallbacks) {
   slots.push_back(ff::ff_galloc(4));
 
   g_calls.clear();
-  ff::ff_add_gfree_func(First);
+  ff::ff_add_gfree_func([] {
+    g_calls.push_back(1);
+    // Blocks go before any callback runs.
+    g_block_gone_first =
+        std::count(g_deleted.begin(), g_deleted.end(), g_block) == 1;
+  });
   ff::ff_add_gfree_func(nullptr);
-  ff::ff_add_gfree_func(Registers);
-  ff::ff_add_gfree_func(Throws);
-  ff::ff_add_gfree_func(Fifth);
+  ff::ff_add_gfree_func([] {
+    g_calls.push_back(2);
+    ff::ff_add_gfree_func([] { g_calls.push_back(4); });
+  });
+  ff::ff_add_gfree_func([] {
+    g_calls.push_back(3);
+    throw 42;
+  });
+  ff::ff_add_gfree_func([] { g_calls.push_back(5); });
   g_block = slots.back();
   EXPECT_EQ(DeletedAmong(slots, ff::ff_gfree_all), slots);
   EXPECT_TRUE(g_block_gone_first);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
+#include <utility>
 #include <vector>
 
 #include "softmatte/ff/ipf.h"
@@ -89,60 +90,19 @@ TEST(Resize, NearestAndBilinearMatchReference) {
   }
 }
 
-// Hand-worked examples that pin rounding, clamping and layout.
-TEST(Ipf, PinnedExamples) {
-  std::vector<int> t(8, -7);
-  std::vector<float> f(8, -2.0f);
-  const auto nn = [&](int srcLen, int dstLen, int step) {
-    ff::ipf_calc_resize_tab_nn(srcLen, dstLen, t.data(), step);
-    return std::vector<int>(t.begin(), t.begin() + dstLen);
-  };
-  // Entries, then fractions in halves.
-  const auto bl = [&](int srcLen, int dstLen, int step) {
-    ff::ipf_calc_resize_tab_bl(srcLen, dstLen, t.data(), f.data(), step);
-    std::vector<int> v(t.begin(), t.begin() + dstLen);
-    for (int i = 0; i < dstLen; ++i) v.push_back(static_cast<int>(f[i] * 2));
-    return v;
-  };
-  // Neighbour offsets without, then with the centre.
-  std::vector<int> nbr(17, -1);
-  ff::ipf_calc_nbr_offset(1, 1, 100, 3, nbr.data(), true);
-  ff::ipf_calc_nbr_offset(1, 1, 100, 3, nbr.data() + 8, false);
-  // Two equal rows of 254 but for 255 in column 1; destination column at.
-  const auto bilinear = [](int w, int dstW, int at) {
-    std::vector<unsigned char> src(2 * w, 254), out(dstW);
-    src[1] = src[w + 1] = 255;
-    ff::ipf_resize_bl(src.data(), w, 2, w, 1, out.data(), dstW, 1, dstW, 1, 1);
-    return std::vector<int>{out[at]};
-  };
-  // Corners of a 3x3 mean see 4 pixels, edges 6, inner ones 9.
-  const unsigned char meanSrc[16] = {1, 2, 7, 7, 1, 2, 7, 7,
-                                     0, 0, 0, 0, 9, 9, 9, 9};
-  std::vector<int> mean(16), count(16);
-  ff::ipf_mean_filter(meanSrc, 4, 4, 4, 1, mean.data(), 4, count.data(), 4, 3,
-                      3, nullptr);
-  const struct {
-    const char* what;
-    std::vector<int> got, want;
-  } rows[] = {
-      {"nn 4->2", nn(4, 2, 1), {0, 2}},
-      {"nn 2->4: 0.5 rounds up, 1.5 clamped", nn(2, 4, 1), {0, 1, 1, 1}},
-      {"nn 3->2: 1.5 rounds up to the last", nn(3, 2, 1), {0, 2}},
-      {"nn x3", nn(2, 4, 3), {0, 3, 3, 3}},
-      {"bl", bl(4, 8, 1), {0, 0, 1, 1, 2, 2, 2, 2, 0, 1, 0, 1, 0, 1, 2, 2}},
-      {"bl x3", bl(4, 8, 3), {0, 0, 3, 3, 6, 6, 6, 6, 0, 1, 0, 1, 0, 1, 2, 2}},
-      {"254.5 truncates", bilinear(2, 4, 1), {254}},
-      {"254.9 truncates", bilinear(10, 100, 9), {254}},
-      {"nbr offsets",
-       nbr,
-       {-103, -100, -97, -3, 3, 97, 100, 103, -103, -100, -97, -3, 0, 3, 97,
-        100, 103}},
-      {"3x3 counts", count, {4, 6, 6, 4, 6, 9, 9, 6, 6, 9, 9, 6, 4, 6, 6, 4}},
-      // Corner (1 + 2 + 1 + 2 + 2) / 4, edge (20 + 3) / 6, inner (20 + 4) / 9,
-      // bottom corner (18 + 2) / 4.
-      {"3x3 means", {mean[0], mean[1], mean[5], mean[15]}, {2, 3, 2, 5}},
-  };
-  for (const auto& r : rows) EXPECT_EQ(r.got, r.want) << r.what;
+TEST(Ipf, NeighbourOffsetsListTheWindowRowByRow) {
+  for (auto [rx, ry] : {std::pair{1, 1}, {2, 1}, {0, 2}, {3, 0}}) {
+    for (bool skip : {true, false}) {
+      std::vector<int> want;
+      for (int dy = -ry; dy <= ry; ++dy)
+        for (int dx = -rx; dx <= rx; ++dx)
+          if (!skip || dx || dy) want.push_back(dy * 100 + dx * 3);
+      std::vector<int> got(want.size() + 1, -1);
+      ff::ipf_calc_nbr_offset(rx, ry, 100, 3, got.data(), skip);
+      want.push_back(-1);
+      EXPECT_EQ(got, want) << rx << "x" << ry << " skip " << skip;
+    }
+  }
 }
 
 }  // namespace

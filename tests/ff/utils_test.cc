@@ -116,6 +116,11 @@ TEST(FiuPlanes, MatchReferenceAndRoundTrip) {
   Bytes plane(64, 0);
   EXPECT_EQ(0, ff::fiuFill(plane.data(), 2, 2, 8, 0x116, plane.data()));
   EXPECT_EQ(0, ff::fiuFlip(plane.data(), 2, 2, 8, 0x121, plane.data(), 8, 1));
+  // So are channels one past the last, on either side.
+  EXPECT_EQ(0, ff::fiuCopyChannel(plane.data(), 2, 2, 8, 0x311, 3, plane.data(),
+                                  8, 0x211, 0));
+  EXPECT_EQ(0, ff::fiuCopyChannel(plane.data(), 2, 2, 8, 0x311, 2, plane.data(),
+                                  8, 0x211, 2));
 }
 
 // Float to narrower elements: halves away from zero, then clamp; NaN

@@ -70,18 +70,15 @@ TEST(UsamInterpolate, AppliesTheTableOnlyWhereThereIsAnEntry) {
                                  : (v * k + before[o] * (32 - k)) / 32;
         }
       }
-      if (kind == 0) {
-        usam_interpolate_c1(low.data(), 1, lowPixels, idx.data(), idxStride,
-                            wts.data(), wtsStride, out.data(), width, height,
-                            outStride);
-      } else if (kind == 1) {
-        usam_interpolate_c1(low.data(), 1, lowPixels, idx.data(), idxStride,
-                            wts.data(), wtsStride, out.data(), width, height,
-                            outStride, mask.data(), outStride, 128);
-      } else {
+      if (kind == 2) {
         usam_interpolate_mask_c1(ref.data(), low.data(), 1, lowPixels,
                                  idx.data(), idxStride, wts.data(), wtsStride,
                                  out.data(), width, height, outStride);
+      } else {
+        usam_interpolate_c1(low.data(), 1, lowPixels, idx.data(), idxStride,
+                            wts.data(), wtsStride, out.data(), width, height,
+                            outStride, kind ? mask.data() : nullptr, outStride,
+                            128);
       }
       ASSERT_EQ(out, want) << width << "x" << height << " kind " << kind;
     }
@@ -237,18 +234,16 @@ TEST(UsamAlpha, GuidesOnlyTheWidenedTransitionZone) {
 
 TEST(MergeC31, InterleavesColourAndPlane) {
   for (int width : {1, 6, 13}) {
-    const Bytes src3 = RandomPlane(3 * width, 5, 3 * width + 2, 161);
-    const Bytes src1 = RandomPlane(width, 5, width + 3, 162);
-    Bytes dst(size_t(4 * width + 5) * 5, kSentinel), want = dst;
-    for (int i = 0; i < 4 * width * 5; ++i) {
-      const int y = i / (4 * width), x = i % (4 * width) / 4, c = i % 4;
-      want[y * (4 * width + 5) + 4 * x + c] =
-          c < 3 ? src3[y * (3 * width + 2) + 3 * x + c]
-                : src1[y * (width + 3) + x];
-    }
-    merge_c31(src3.data(), width, 5, 3 * width + 2, src1.data(), width + 3,
-              dst.data(), 4 * width + 5);
-    EXPECT_EQ(dst, want) << width;
+    const int s3 = 3 * width + 2, s1 = width + 3, ds = 4 * width + 5;
+    const Bytes src3 = RandomPlane(3 * width, 5, s3, 161);
+    const Bytes src1 = RandomPlane(width, 5, s1, 162);
+    Bytes dst(size_t(ds) * 5, kSentinel);
+    merge_c31(src3.data(), width, 5, s3, src1.data(), s1, dst.data(), ds);
+    EXPECT_EQ("", softmatte_test::PlaneMismatch(
+                      dst, 4 * width, 5, ds, kSentinel, [&](int i, int y) {
+                        return i % 4 < 3 ? src3[y * s3 + i / 4 * 3 + i % 4]
+                                         : src1[y * s1 + i / 4];
+                      }));
   }
 }
 
@@ -259,26 +254,22 @@ TEST(Usam, NullPlanesWriteNothing) {
   const int idx[2] = {0, 1};
   const short wts[1] = {2048};
   Bytes out = before;
-  const unsigned char *img = s.img.data(), *low = s.low.data();
+  unsigned char* o = out.data();
+  const unsigned char *img = s.img.data(), *low = s.low.data(), *a = la.data();
   const int w = s.width, h = s.height, is = s.imgStride, ls = s.lowStride;
-  usam_interpolate_c1(nullptr, 4, 3, idx, 2, wts, 1, out.data(), 1, 1, 1);
-  usam_interpolate_c1(la.data(), 4, 3, nullptr, 2, wts, 1, out.data(), 1, 1, 1);
-  usam_interpolate_c1(la.data(), 4, 3, idx, 2, nullptr, 1, out.data(), 1, 1, 1,
-                      la.data(), 1, 9);
-  usam_interpolate_mask_c1(nullptr, la.data(), 4, 3, idx, 2, wts, 1, out.data(),
-                           1, 1, 1);
-  usam_masked_c1(nullptr, 4, 3, ls, la.data(), 4, img, w, h, is, nullptr, 0,
-                 out.data(), w);
-  usam_masked_c1(low, 4, 3, ls, la.data(), 4, nullptr, w, h, is, nullptr, 0,
-                 out.data(), w);
-  usam_alpha(low, 4, 3, ls, nullptr, 4, img, w, h, is, out.data(), w);
-  usam_execute(img, w, h, is, nullptr, 0, 0, low, 4, 3, ls, nullptr, out.data(),
-               w);
-  merge_c31(img, w, h, is, nullptr, 0, out.data(), w);
+  usam_interpolate_c1(nullptr, 4, 3, idx, 2, wts, 1, o, 1, 1, 1);
+  usam_interpolate_c1(a, 4, 3, nullptr, 2, wts, 1, o, 1, 1, 1);
+  usam_interpolate_c1(a, 4, 3, idx, 2, nullptr, 1, o, 1, 1, 1, a, 1, 9);
+  usam_interpolate_mask_c1(nullptr, a, 4, 3, idx, 2, wts, 1, o, 1, 1, 1);
+  usam_masked_c1(nullptr, 4, 3, ls, a, 4, img, w, h, is, nullptr, 0, o, w);
+  usam_masked_c1(low, 4, 3, ls, a, 4, nullptr, w, h, is, nullptr, 0, o, w);
+  usam_alpha(low, 4, 3, ls, nullptr, 4, img, w, h, is, o, w);
+  usam_execute(img, w, h, is, nullptr, 0, 0, low, 4, 3, ls, nullptr, o, w);
+  merge_c31(img, w, h, is, nullptr, 0, o, w);
   EXPECT_EQ(out, before);
   // Null outputs must not crash either.
-  usam_alpha(low, 4, 3, ls, la.data(), 4, img, w, h, is, nullptr, w);
-  merge_c31(img, w, h, is, la.data(), 4, nullptr, 0);
+  usam_alpha(low, 4, 3, ls, a, 4, img, w, h, is, nullptr, w);
+  merge_c31(img, w, h, is, a, 4, nullptr, 0);
 }
 
 }  // namespace
