@@ -81,23 +81,18 @@ struct SentinelPlane {
   T& at(int x, int y) { return row(y)[x]; }
 
   // The used part of every row from the input (byte planes).
-  SentinelPlane& Fill(FuzzInput& in) {
+  void Fill(FuzzInput& in) {
     for (int y = 0; y < rows; ++y) in.Bytes(row(y), used);
-    return *this;
   }
 
   bool PaddingIntact() const {
-    for (size_t i = 0; i < data.size(); ++i) {
-      if (static_cast<int>(i % step) >= used && data[i] != sentinel) {
+    for (size_t i = 0; i < data.size(); ++i)
+      if (static_cast<int>(i % step) >= used && data[i] != sentinel)
         return false;
-      }
-    }
     return true;
   }
 
-  int rows;
-  int step;
-  int used;
+  int rows, step, used;
   T sentinel;
   std::vector<T> data;
 };
