@@ -18,11 +18,6 @@
 namespace {
 
 constexpr int kMaxSide = 72;
-constexpr uint8_t kSentinel = 0xA5;
-
-void Check(bool ok) {
-  if (!ok) __builtin_trap();
-}
 
 // A matte: discs with soft edges of a width from the data (some cut by the
 // border, some capped so that a class is missing), or raw bytes.
@@ -30,7 +25,7 @@ void FillMatte(FuzzInput& in, SentinelPlane<uint8_t>& matte, int width,
                int height) {
   const uint8_t shape = in.Byte();
   if (shape & 1) {
-    for (int y = 0; y < height; ++y) in.Bytes(matte.row(y), width);
+    matte.Fill(in);
     return;
   }
   const int discs = 1 + (shape >> 1) % 4;
@@ -42,24 +37,21 @@ void FillMatte(FuzzInput& in, SentinelPlane<uint8_t>& matte, int width,
   }
   const int ramp = in.Int(0, 24);
   const int cap = in.Int(0, 3);
-  for (int y = 0; y < height; ++y) {
-    for (int x = 0; x < width; ++x) {
-      int best = 0;
-      for (int k = 0; k < discs; ++k) {
-        const int dx = x - cx[k];
-        const int dy = y - cy[k];
-        // How far inside the disc's edge, in whole pixels.
-        const int inside =
-            (r[k] - static_cast<int>(std::sqrt(dx * dx + dy * dy))) * 255;
-        const int v = ramp == 0 ? (inside >= 0 ? 255 : 0)
-                                : std::clamp(128 + inside / ramp, 0, 255);
-        best = std::max(best, v);
-      }
-      if (cap == 1) best = std::min(best, 200);  // no foreground
-      if (cap == 2) best = std::max(best, 30);   // no background
-      matte.row(y)[x] = static_cast<uint8_t>(best);
+  ForEach(width, height, [&](int x, int y) {
+    int best = 0;
+    for (int k = 0; k < discs; ++k) {
+      const int dx = x - cx[k], dy = y - cy[k];
+      // How far inside the disc's edge, in whole pixels.
+      const int inside =
+          (r[k] - static_cast<int>(std::sqrt(dx * dx + dy * dy))) * 255;
+      best =
+          std::max(best, ramp == 0 ? (inside >= 0 ? 255 : 0)
+                                   : std::clamp(128 + inside / ramp, 0, 255));
     }
-  }
+    if (cap == 1) best = std::min(best, 200);  // no foreground
+    if (cap == 2) best = std::max(best, 30);   // no background
+    matte.at(x, y) = static_cast<uint8_t>(best);
+  });
 }
 
 }  // namespace
@@ -75,46 +67,35 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const int keep = in.Int(0, 4);
   const bool palette = in.Bool();
 
-  SentinelPlane<uint8_t> matte(height, width + in.Int(0, 5), width, kSentinel);
+  SentinelPlane<uint8_t> matte(height, width + in.Int(0, 5), width);
   FillMatte(in, matte, width, height);
-  SentinelPlane<uint8_t> photo(height, 3 * width + in.Int(0, 5), 3 * width,
-                               kSentinel);
+  const int ms = matte.step;
+  SentinelPlane<uint8_t> photo(height, 3 * width + in.Int(0, 5), 3 * width);
   const uint8_t colours[4][3] = {
       {0, 0, 0}, {255, 255, 255}, {10, 200, 30}, {10, 200, 31}};
   FillColours(in, photo, width, height, palette, colours);
 
-  const int fgStep = 3 * width + 2;
-  SentinelPlane<uint8_t> want(height, fgStep, 3 * width, kSentinel);
-  SentinelPlane<uint8_t> got(height, fgStep, 3 * width, kSentinel);
-  mat_estimate_fb_color(photo.data.data(), width, height, photo.step,
-                        matte.data.data(), matte.step, want.data.data(),
-                        want.step, nullptr, 0, low, high);
-  estimate_foreground_band(photo.data.data(), width, height, photo.step,
-                           matte.data.data(), matte.step, got.data.data(),
-                           got.step, low, high);
+  SentinelPlane<uint8_t> want(height, 3 * width + 2, 3 * width), got = want;
+  mat_estimate_fb_color(photo.p(), width, height, photo.step, matte.p(), ms,
+                        want.p(), want.step, nullptr, 0, low, high);
+  estimate_foreground_band(photo.p(), width, height, photo.step, matte.p(), ms,
+                           got.p(), got.step, low, high);
   Check(got.data == want.data && got.PaddingIntact());
 
-  SentinelPlane<uint8_t> smoothWant(height, width + 1, width, kSentinel);
-  SentinelPlane<uint8_t> smoothGot(height, width + 1, width, kSentinel);
-  mat_smooth_boundary(matte.data.data(), width, height, matte.step,
-                      smoothWant.data.data(), smoothWant.step, ksize);
-  smooth_boundary_band(matte.data.data(), width, height, matte.step,
-                       smoothGot.data.data(), smoothGot.step, ksize);
-  Check(smoothGot.data == smoothWant.data && smoothGot.PaddingIntact());
-  std::vector<uint8_t> inPlace = matte.data;
-  smooth_boundary_band(inPlace.data(), width, height, matte.step,
-                       inPlace.data(), matte.step, ksize);
-  for (int y = 0; y < height; ++y) {
-    Check(std::equal(smoothWant.row(y), smoothWant.row(y) + width,
-                     &inPlace[static_cast<size_t>(y) * matte.step]));
-  }
+  SentinelPlane<uint8_t> smooth(height, width + 1, width), band = smooth;
+  mat_smooth_boundary(matte.p(), width, height, ms, smooth.p(), smooth.step,
+                      ksize);
+  smooth_boundary_band(matte.p(), width, height, ms, band.p(), band.step,
+                       ksize);
+  Check(band.data == smooth.data && band.PaddingIntact());
+  SentinelPlane<uint8_t> inPlace = matte;
+  smooth_boundary_band(inPlace.p(), width, height, ms, inPlace.p(), ms, ksize);
+  ForEach(width, height,
+          [&](int x, int y) { Check(inPlace.at(x, y) == smooth.at(x, y)); });
 
-  std::vector<uint8_t> eraseWant = matte.data;
-  std::vector<uint8_t> eraseGot = matte.data;
-  vm_erase_small_cc(eraseWant.data(), width, height, matte.step, threshold,
-                    keep);
-  erase_small_cc_runs(eraseGot.data(), width, height, matte.step, threshold,
-                      keep);
-  Check(eraseGot == eraseWant);
+  SentinelPlane<uint8_t> erased = matte, runs = matte;
+  vm_erase_small_cc(erased.p(), width, height, ms, threshold, keep);
+  erase_small_cc_runs(runs.p(), width, height, ms, threshold, keep);
+  Check(runs.data == erased.data);
   return 0;
 }

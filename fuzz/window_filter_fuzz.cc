@@ -14,103 +14,44 @@
 
 namespace {
 
-constexpr unsigned char kSentinel = 0xA5;
-constexpr int kIntSentinel = -0x5A5A5A5B;
+// Which filter runs; 32 stands for int planes, the rest for byte planes.
+enum Op { kMin, kMax, kSum8, kSum32, kCount, kMean8To32, kMean32, kMean8 };
+constexpr int kOps = kMean8 + 1;
 
-enum Op {
-  kMin,
-  kMax,
-  kSum8,
-  kSumInt,
-  kCount,
-  kMean8ToInt,
-  kMeanIntToInt,
-  kMean8To8,
-  kOps
-};
-
-// The caller's image: the region plus the border around it.
+// The caller's image: the region plus the border {left, top, right, bottom}
+// around it.
 template <typename T>
-struct Source {
-  Source(int width, int height, int channels, const int* extent, int pad,
-         T sentinel)
-      : plane(extent[1] + height + extent[3],
-              (extent[0] + width + extent[2]) * channels + pad,
-              (extent[0] + width + extent[2]) * channels, sentinel),
-        left(extent[0]),
-        top(extent[1]),
-        channels_(channels) {}
-
-  const T* region() const {
-    return plane.data.data() + static_cast<size_t>(top) * plane.step +
-           left * channels_;
-  }
+struct Source : SentinelPlane<T> {
+  Source(int width, int height, int channels_, const int* e, int pad, T s)
+      : SentinelPlane<T>(e[1] + height + e[3],
+                         (e[0] + width + e[2]) * channels_ + pad,
+                         (e[0] + width + e[2]) * channels_, s),
+        left(e[0]),
+        top(e[1]),
+        channels(channels_) {}
+  const T* region() { return this->row(top) + left * channels; }
   // Element (x, y, c) with x and y relative to the region.
-  T at(int x, int y, int c) const {
-    return plane.data[static_cast<size_t>(y + top) * plane.step +
-                      (x + left) * channels_ + c];
+  T get(int x, int y, int c) {
+    return this->row(y + top)[(x + left) * channels + c];
   }
-
-  SentinelPlane<T> plane;
-  int left;
-  int top;
-  int channels_;
+  int left, top, channels;
 };
-
-// Running extremum over the (2 * (ksize / 2) + 1)^2 window of a dense plane,
-// positions outside it ignored.
-std::vector<unsigned char> Extremum(const std::vector<unsigned char>& in,
-                                    int width, int height, int channels,
-                                    int ksize, bool is_min) {
-  const int half = ksize / 2;
-  std::vector<unsigned char> out(in.size());
-  for (int y = 0; y < height; ++y) {
-    for (int x = 0; x < width; ++x) {
-      for (int c = 0; c < channels; ++c) {
-        unsigned char v = is_min ? 255 : 0;
-        for (int yy = std::max(y - half, 0);
-             yy <= std::min(y + half, height - 1); ++yy) {
-          for (int xx = std::max(x - half, 0);
-               xx <= std::min(x + half, width - 1); ++xx) {
-            const unsigned char s =
-                in[(static_cast<size_t>(yy) * width + xx) * channels + c];
-            v = is_min ? std::min(v, s) : std::max(v, s);
-          }
-        }
-        out[(static_cast<size_t>(y) * width + x) * channels + c] = v;
-      }
-    }
-  }
-  return out;
-}
 
 // Sum over the window of the positions that lie on real data: the region
-// widened by the border clamped to half a window.
+// widened by the border clamped to half a window; ones counts them.
 template <typename T>
-long long WindowSum(const Source<T>& src, int width, int height, int x, int y,
-                    int c, int kw, int kh, const int* b, bool ones) {
-  const int w2 = kw / 2;
-  const int h2 = kh / 2;
-  const int l = std::min(b[0], w2), t = std::min(b[1], h2);
-  const int r = std::min(b[2], w2), bo = std::min(b[3], h2);
+long long WindowSum(Source<T>& src, int width, int height, int x, int y, int c,
+                    int kw, int kh, const int* b, bool ones) {
+  const int w2 = kw / 2, h2 = kh / 2;
   long long sum = 0;
-  for (int yy = std::max(y - h2, -t); yy <= std::min(y + h2, height - 1 + bo);
-       ++yy) {
-    for (int xx = std::max(x - w2, -l); xx <= std::min(x + w2, width - 1 + r);
-         ++xx) {
-      sum += ones ? 1 : static_cast<long long>(src.at(xx, yy, c));
+  for (int yy = std::max(y - h2, -std::min(b[1], h2));
+       yy <= std::min(y + h2, height - 1 + std::min(b[3], h2)); ++yy) {
+    for (int xx = std::max(x - w2, -std::min(b[0], w2));
+         xx <= std::min(x + w2, width - 1 + std::min(b[2], w2)); ++xx) {
+      sum += ones ? 1 : static_cast<long long>(src.get(xx, yy, c));
     }
   }
   return sum;
-}
-
-int WindowCount(const Source<unsigned char>& any, int width, int height, int x,
-                int y, int kw, int kh, const int* b) {
-  if (b[0] >= kw / 2 && b[1] >= kh / 2 && b[2] >= kw / 2 && b[3] >= kh / 2) {
-    return kw * kh;
-  }
-  return static_cast<int>(
-      WindowSum(any, width, height, x, y, 0, kw, kh, b, true));
 }
 
 }  // namespace
@@ -128,161 +69,144 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const int kw = in.Int(1, 15);
   const int kh = in.Int(1, 15);
   const bool with_border = in.Bool();
-  int border[4] = {0, 0, 0, 0};
-  for (int& b : border) {
+  int border[4], extent[4];
+  for (int i = 0; i < 4; ++i) {
     // The min/max filters clamp each side into [0, ksize] themselves; the
     // box filters are never given negative sides.
-    b = min_max ? in.Int(-2, 13) : in.Int(0, 9);
+    border[i] = min_max ? in.Int(-2, 13) : in.Int(0, 9);
+    if (!with_border) border[i] = 0;
+    extent[i] = std::max(border[i], 0);
   }
-  if (!with_border) std::fill(border, border + 4, 0);
-  int extent[4];
-  for (int i = 0; i < 4; ++i) extent[i] = std::max(border[i], 0);
   const int src_pad = in.Int(0, 7);
-  const int dst_pad = in.Int(0, 7);
-  const int count_pad = in.Int(0, 7);
-  const bool own_count = in.Bool();
-  int* const border_arg = with_border ? border : nullptr;
+  const int row = width * channels;
+  SentinelPlane<uint8_t> dst8(height, row + in.Int(0, 7), row);
+  SentinelPlane<int> dst32(height, dst8.step, row, kIntSentinel);
+  SentinelPlane<int> count(height, width + in.Int(0, 7), width, kIntSentinel);
+  int* const count_arg = in.Bool() ? count.p() : nullptr;
+  int* const b = with_border ? border : nullptr;
 
   // Byte sources, or int sources in 0..65535 (the library's own int planes
   // are sums of bytes), whose window sums stay far from overflow.
-  const bool int_source = op == kSumInt || op == kMeanIntToInt;
-  Source<unsigned char> src8(width, height, channels, extent, src_pad,
-                             kSentinel);
-  Source<int> src32(width, height, channels, extent, src_pad, kIntSentinel);
+  const bool int_source = op == kSum32 || op == kMean32;
+  Source<uint8_t> s8(width, height, channels, extent, src_pad, kSentinel);
+  Source<int> s32(width, height, channels, extent, src_pad, kIntSentinel);
+  if (!int_source) s8.Fill(in);
   if (int_source) {
-    for (size_t i = 0; i < src32.plane.data.size(); ++i) {
-      if (static_cast<int>(i % src32.plane.step) >= src32.plane.used) continue;
-      src32.plane.data[i] = (in.Byte() << 8) | in.Byte();
-    }
-  } else {
-    for (size_t i = 0; i < src8.plane.data.size(); ++i) {
-      if (static_cast<int>(i % src8.plane.step) >= src8.plane.used) continue;
-      src8.plane.data[i] = in.Byte();
-    }
+    ForEach(s32.used, s32.rows, [&](int i, int y) {
+      const int high = in.Byte() << 8;
+      s32.row(y)[i] = high | in.Byte();
+    });
   }
-  const std::vector<unsigned char> src8_before = src8.plane.data;
-  const std::vector<int> src32_before = src32.plane.data;
+  const std::vector<uint8_t> s8_before = s8.data;
+  const std::vector<int> s32_before = s32.data;
 
-  const int row = width * channels;
-  SentinelPlane<unsigned char> dst8(height, row + dst_pad, row, kSentinel);
-  SentinelPlane<int> dst32(height, row + dst_pad, row, kIntSentinel);
-  SentinelPlane<int> count(height, width + count_pad, width, kIntSentinel);
-  int* const count_arg = own_count ? count.data.data() : nullptr;
-
+  const int h = height, w = width, ch = channels;
   switch (op) {
     case kMin:
-      ff::ipf_min_filter(src8.region(), width, height, src8.plane.step,
-                         channels, dst8.data.data(), dst8.step, ksize,
-                         iterations, border_arg);
+      ff::ipf_min_filter(s8.region(), w, h, s8.step, ch, dst8.p(), dst8.step,
+                         ksize, iterations, b);
       break;
     case kMax:
-      ff::ipf_max_filter(src8.region(), width, height, src8.plane.step,
-                         channels, dst8.data.data(), dst8.step, ksize,
-                         iterations, border_arg);
+      ff::ipf_max_filter(s8.region(), w, h, s8.step, ch, dst8.p(), dst8.step,
+                         ksize, iterations, b);
       break;
     case kSum8:
-      ff::ipf_sum_filter(src8.region(), width, height, src8.plane.step,
-                         channels, dst32.data.data(), dst32.step, kw, kh,
-                         border_arg);
+      ff::ipf_sum_filter(s8.region(), w, h, s8.step, ch, dst32.p(), dst32.step,
+                         kw, kh, b);
       break;
-    case kSumInt:
-      ff::ipf_sum_filter(src32.region(), width, height, src32.plane.step,
-                         channels, dst32.data.data(), dst32.step, kw, kh,
-                         border_arg);
+    case kSum32:
+      ff::ipf_sum_filter(s32.region(), w, h, s32.step, ch, dst32.p(),
+                         dst32.step, kw, kh, b);
       break;
     case kCount:
-      ff::ipf_count_filter_pixels(count.data.data(), width, height, count.step,
-                                  kw, kh, border_arg);
+      ff::ipf_count_filter_pixels(count.p(), w, h, count.step, kw, kh, b);
       break;
-    case kMean8ToInt:
-      ff::ipf_mean_filter(src8.region(), width, height, src8.plane.step,
-                          channels, dst32.data.data(), dst32.step, count_arg,
-                          count.step, kw, kh, border_arg);
+    case kMean8To32:
+      ff::ipf_mean_filter(s8.region(), w, h, s8.step, ch, dst32.p(), dst32.step,
+                          count_arg, count.step, kw, kh, b);
       break;
-    case kMeanIntToInt:
-      ff::ipf_mean_filter(src32.region(), width, height, src32.plane.step,
-                          channels, dst32.data.data(), dst32.step, count_arg,
-                          count.step, kw, kh, border_arg);
+    case kMean32:
+      ff::ipf_mean_filter(s32.region(), w, h, s32.step, ch, dst32.p(),
+                          dst32.step, count_arg, count.step, kw, kh, b);
       break;
-    case kMean8To8:
-      ff::ipf_mean_filter(src8.region(), width, height, src8.plane.step,
-                          channels, dst8.data.data(), dst8.step, count_arg,
-                          count.step, kw, kh, border_arg);
+    case kMean8:
+      ff::ipf_mean_filter(s8.region(), w, h, s8.step, ch, dst8.p(), dst8.step,
+                          count_arg, count.step, kw, kh, b);
       break;
   }
-
-  if (src8.plane.data != src8_before || src32.plane.data != src32_before) {
-    __builtin_trap();
-  }
-  if (!dst8.PaddingIntact() || !dst32.PaddingIntact() ||
-      !count.PaddingIntact()) {
-    __builtin_trap();
-  }
+  Check(s8.data == s8_before && s32.data == s32_before);
+  Check(dst8.PaddingIntact() && dst32.PaddingIntact() && count.PaddingIntact());
 
   if (min_max) {
     // The filter works on the region widened by the border clamped to the
     // window, repeated on that widened plane, then cuts the region out. With
     // several channels the cut's row offset is deliberately not scaled by
     // the channel count; the reference cuts the same way.
-    const int k = 2 * (ksize / 2) + 1;
+    const int k = 2 * (ksize / 2) + 1, half = ksize / 2;
     // Even sizes are free to clamp to ksize or to the odd window: compare
     // only where both agree.
-    for (int b : border) {
-      if (ksize % 2 == 0 && b > ksize) return 0;
+    for (int side : border) {
+      if (ksize % 2 == 0 && side > ksize) return 0;
     }
     int side[4];
     for (int i = 0; i < 4; ++i) side[i] = std::clamp(border[i], 0, k);
-    const int big_w = side[0] + width + side[2];
-    const int big_h = side[1] + height + side[3];
-    std::vector<unsigned char> big(static_cast<size_t>(big_w) * big_h *
-                                   channels);
-    for (int y = 0; y < big_h; ++y) {
-      for (int x = 0; x < big_w; ++x) {
-        for (int c = 0; c < channels; ++c) {
-          big[(static_cast<size_t>(y) * big_w + x) * channels + c] =
-              src8.at(x - side[0], y - side[1], c);
-        }
-      }
-    }
+    const int bw = side[0] + width + side[2], bh = side[1] + height + side[3];
+    std::vector<uint8_t> big(static_cast<size_t>(bw) * bh * ch);
+    auto at = [&](std::vector<uint8_t>& v, int x, int y, int c) -> uint8_t& {
+      return v[(static_cast<size_t>(y) * bw + x) * ch + c];
+    };
+    ForEach(bw * ch, bh, [&](int i, int y) {
+      at(big, i / ch, y, i % ch) =
+          s8.get(i / ch - side[0], y - side[1], i % ch);
+    });
+    // Running extremum over the (2 * half + 1)^2 window, positions outside
+    // the widened plane ignored.
     for (int pass = 0; pass < std::max(iterations, 1); ++pass) {
-      big = Extremum(big, big_w, big_h, channels, k, op == kMin);
-    }
-    const size_t cut = static_cast<size_t>(big_w) * side[1] +
-                       static_cast<size_t>(side[0]) * channels;
-    for (int y = 0; y < height; ++y) {
-      for (int i = 0; i < row; ++i) {
-        if (dst8.row(y)[i] !=
-            big[cut + static_cast<size_t>(y) * big_w * channels + i]) {
-          __builtin_trap();
+      std::vector<uint8_t> next(big.size());
+      ForEach(bw * ch, bh, [&](int i, int y) {
+        const int x = i / ch, c = i % ch;
+        uint8_t v = op == kMin ? 255 : 0;
+        for (int yy = std::max(y - half, 0); yy <= std::min(y + half, bh - 1);
+             ++yy) {
+          for (int xx = std::max(x - half, 0); xx <= std::min(x + half, bw - 1);
+               ++xx) {
+            v = op == kMin ? std::min(v, at(big, xx, yy, c))
+                           : std::max(v, at(big, xx, yy, c));
+          }
         }
-      }
+        at(next, x, y, c) = v;
+      });
+      big.swap(next);
     }
+    const size_t cut = static_cast<size_t>(bw) * side[1] + size_t(side[0]) * ch;
+    ForEach(row, height, [&](int i, int y) {
+      Check(dst8.at(i, y) == big[cut + static_cast<size_t>(y) * bw * ch + i]);
+    });
     return 0;
   }
 
   // Box filters: sums of the clamped window, counts of real positions.
-  const bool wants_count = op == kCount || (op >= kMean8ToInt && own_count);
-  for (int y = 0; y < height; ++y) {
-    for (int x = 0; x < width; ++x) {
-      const int n = WindowCount(src8, width, height, x, y, kw, kh, border);
-      if (wants_count && count.row(y)[x] != n) __builtin_trap();
-      if (op == kCount) continue;
-      for (int c = 0; c < channels; ++c) {
-        const long long sum = int_source ? WindowSum(src32, width, height, x, y,
-                                                     c, kw, kh, border, false)
-                                         : WindowSum(src8, width, height, x, y,
-                                                     c, kw, kh, border, false);
-        long long want = sum;
-        if (op != kSum8 && op != kSumInt) {
-          want = n == 0 ? 0 : (sum + n / 2) / n;
-        }
-        const int i = x * channels + c;
-        const long long got =
-            op == kMean8To8 ? dst8.row(y)[i] : dst32.row(y)[i];
-        if (op == kMean8To8) want = static_cast<unsigned char>(want);
-        if (got != want) __builtin_trap();
+  const bool wants_count = op == kCount || (op >= kMean8To32 && count_arg);
+  // With the whole window on real data the count is the window's area,
+  // even sizes included.
+  const bool full = border[0] >= kw / 2 && border[1] >= kh / 2 &&
+                    border[2] >= kw / 2 && border[3] >= kh / 2;
+  ForEach(width, height, [&](int x, int y) {
+    const int n = full ? kw * kh
+                       : static_cast<int>(WindowSum(s8, w, h, x, y, 0, kw, kh,
+                                                    border, true));
+    Check(!wants_count || count.at(x, y) == n);
+    for (int c = 0; c < channels && op != kCount; ++c) {
+      long long want =
+          int_source ? WindowSum(s32, w, h, x, y, c, kw, kh, border, false)
+                     : WindowSum(s8, w, h, x, y, c, kw, kh, border, false);
+      if (op != kSum8 && op != kSum32) want = n == 0 ? 0 : (want + n / 2) / n;
+      if (op == kMean8) {
+        Check(dst8.at(x * ch + c, y) == static_cast<uint8_t>(want));
+      } else {
+        Check(dst32.at(x * ch + c, y) == want);
       }
     }
-  }
+  });
   return 0;
 }

@@ -18,10 +18,6 @@ def read_png(path, mode):
         return np.asarray(picture.convert(mode))
 
 
-def write_png(path, array):
-    Image.fromarray(array).save(path)
-
-
 def band_trimap(mask, radius):
     """0 / 128 / 255 from a 0/255 mask: unknown within radius of its edge."""
     padded = np.pad(mask, radius, mode="edge")
@@ -34,14 +30,10 @@ def band_trimap(mask, radius):
 
 @pytest.fixture(scope="session")
 def chelsea():
-    """The sample photo (RGB) and its rough mask."""
+    """The sample photo (RGB), its rough mask and its scribbles (RGBA)."""
     return (read_png(SAMPLE / "chelsea.png", "RGB"),
-            read_png(SAMPLE / "chelsea_mask.png", "L"))
-
-
-@pytest.fixture(scope="session")
-def chelsea_scribbles():
-    return read_png(SAMPLE / "chelsea_scribbles.png", "RGBA")
+            read_png(SAMPLE / "chelsea_mask.png", "L"),
+            read_png(SAMPLE / "chelsea_scribbles.png", "RGBA"))
 
 
 @pytest.fixture(scope="session")
@@ -62,8 +54,5 @@ def tool():
     path = os.environ.get("SOFTMATTE_TOOL")
     if not path or not os.path.exists(path):
         pytest.skip("the softmatte tool is not built (SOFTMATTE_TOOL)")
-
-    def run(*args):
-        subprocess.run([path, *map(str, args)], check=True,
-                       capture_output=True)
-    return run
+    return lambda *args: subprocess.run([path, *map(str, args)], check=True,
+                                        capture_output=True)

@@ -5,107 +5,47 @@ import pytest
 
 import softmatte
 
-PHOTO = np.zeros((20, 30, 3), np.uint8)
-PHOTO[5:15, 10:20] = 200
-MASK = np.zeros((20, 30), np.uint8)
-MASK[5:15, 10:20] = 255
-TRIMAP = np.where(MASK > 0, 255, 0).astype(np.uint8)
-TRIMAP[4:16, 9:11] = 128
-LABELS = np.zeros((20, 30), np.uint8)
-LABELS[10, 12:18] = 2
-LABELS[1, :] = 1
-
-
-def session():
-    return softmatte.Session(PHOTO)
-
+P = np.zeros((20, 30, 3), np.uint8)  # photo
+P[5:15, 10:20] = 200
+M = np.where(P[..., 0] > 0, 255, 0).astype(np.uint8)  # mask
+T = M.copy()  # trimap
+T[4:16, 9:11] = 128
+L = np.zeros((20, 30), np.uint8)  # scribble labels
+L[10, 12:18] = 2
+L[1, :] = 1
+C, S, A = softmatte.cutout, softmatte.Session, softmatte.solve_alpha
+V, E = ValueError, TypeError
 
 # (call, exception, words the message must hold)
 CASES = [
-    (lambda: softmatte.cutout(PHOTO), ValueError, "exactly one of"),
-    (lambda: softmatte.cutout(PHOTO, mask=MASK, trimap=TRIMAP), ValueError,
-     "not mask and trimap"),
-    (lambda: softmatte.cutout(PHOTO.astype(np.int32), mask=MASK), TypeError,
-     "image must be an (H, W, 3) RGB array"),
-    (lambda: softmatte.cutout("photo.png", mask=MASK), TypeError, "image"),
-    (lambda: softmatte.cutout(PHOTO[..., :2], mask=MASK), ValueError,
-     "image must be an (H, W, 3) RGB array, not of shape (20, 30, 2)"),
-    (lambda: softmatte.cutout(PHOTO[:, :0], mask=MASK[:, :0]), ValueError,
-     "image is empty"),
-    (lambda: softmatte.cutout(PHOTO * 2.0, mask=MASK), ValueError,
-     "image: float values must lie in [0, 1]"),
-    (lambda: softmatte.cutout(PHOTO, mask=MASK[:, 1:]), ValueError,
-     "mask has shape (20, 29) but the image has (20, 30)"),
-    (lambda: softmatte.cutout(PHOTO, mask=PHOTO), ValueError,
-     "mask must be an (H, W) array of the image's size (20, 30)"),
-    (lambda: softmatte.cutout(PHOTO, mask=MASK.astype(np.int64)), TypeError,
-     "mask must be an (H, W) array"),
-    (lambda: softmatte.cutout(PHOTO, mask=MASK // 2), ValueError,
-     "mask has no foreground"),
-    (lambda: softmatte.cutout(PHOTO, trimap=MASK // 4), ValueError,
-     "trimap has no foreground or unknown pixels"),
-    (lambda: softmatte.cutout(PHOTO, trimap=MASK > 0), TypeError,
-     "trimap must be"),
-    (lambda: softmatte.cutout(PHOTO, scribbles=LABELS * 100), ValueError,
-     "scribbles as labels hold 0"),
-    (lambda: softmatte.cutout(PHOTO, scribbles=np.minimum(LABELS, 1)),
-     ValueError, "no subject (2) labels"),
-    (lambda: softmatte.cutout(PHOTO, scribbles=PHOTO), ValueError,
-     "no red (subject) strokes"),
-    (lambda: softmatte.cutout(PHOTO, scribbles=np.dstack([PHOTO] * 2)),
-     ValueError, "scribbles as a picture must have shape (20, 30, 3)"),
-    (lambda: softmatte.cutout(PHOTO, mask=MASK, work_size=7), ValueError,
-     "work_size must lie in [8,"),
-    (lambda: softmatte.cutout(PHOTO, mask=MASK, work_size=1e3), TypeError,
-     "work_size must be an integer"),
-    (lambda: softmatte.cutout(PHOTO, mask=MASK, band=-1), ValueError,
-     "band must lie in [0,"),
-    (lambda: softmatte.cutout(PHOTO, mask=MASK, band=(3, 0)), ValueError,
-     "band's SCALE must be a positive number"),
-    (lambda: softmatte.cutout(PHOTO, mask=MASK, band="wide"), TypeError,
-     "band must be MAX or (MAX, SCALE)"),
-    (lambda: softmatte.cutout(PHOTO, mask=MASK, quality="best"), ValueError,
-     'quality must be "exact", "fine" or None'),
-    (lambda: softmatte.cutout(PHOTO, mask=MASK, background=(1, 2)),
-     ValueError, "background as a colour must be (R, G, B)"),
-    (lambda: softmatte.cutout(PHOTO, mask=MASK, background=(0, 0, 256)),
-     ValueError, "colour values must lie in [0, 255]"),
-    (lambda: softmatte.cutout(PHOTO, mask=MASK, background=MASK), ValueError,
-     "background must be an (h, w, 3) RGB image or an (R, G, B) colour"),
-    (lambda: softmatte.cutout(PHOTO, mask=MASK).composite(PHOTO[..., 0:1]),
-     ValueError, "background must be an (H, W, 3) RGB array"),
-    (lambda: softmatte.solve_alpha(PHOTO, np.full_like(MASK, 128)),
-     ValueError, "trimap has no known pixels"),
-    (lambda: softmatte.solve_alpha(PHOTO, TRIMAP, epsilon=-1), ValueError,
-     "epsilon must be a positive number"),
-    (lambda: softmatte.solve_alpha(PHOTO, TRIMAP.T), ValueError,
-     "trimap has shape (30, 20) but the image has (20, 30)"),
-    (lambda: softmatte.segment_scribbles(PHOTO, LABELS % 2), ValueError,
-     "no subject (2) labels"),
-    (lambda: softmatte.scribble_labels(MASK), ValueError,
-     "picture must be an (H, W, 3) RGB or (H, W, 4) RGBA array"),
-    (lambda: softmatte.Session(PHOTO, work_size=0), ValueError,
-     "work_size must lie in"),
-    (lambda: session().matte_from_mask(np.zeros_like(MASK)), ValueError,
-     "mask has no foreground"),
-    (lambda: session().refine(TRIMAP[1:]), ValueError,
-     "trimap has shape (19, 30)"),
-    (lambda: setattr(session(), "alpha", PHOTO), ValueError,
-     "alpha must be an (H, W) array"),
-    (lambda: session().stroke("paint", [(1, 2)]), ValueError,
-     "mode must be one of erode, dilate"),
-    (lambda: session().stroke("erode", [(1, 2, 3)]), ValueError,
-     "points must be an (x, y) pair or an (N, 2) sequence"),
-    (lambda: session().stroke("erode", [("a", 2)]), TypeError,
-     "points must be (x, y) pairs"),
-    (lambda: session().stroke("erode", [(np.nan, 2)]), ValueError,
-     "points must be finite"),
-    (lambda: session().stroke("erode", (1, 2), radius=31), ValueError,
-     "radius must lie in [0, 30]"),
-    (lambda: session().stroke("erode", (1, 2), hardness=2), ValueError,
-     "hardness must lie in [0, 1]"),
-    (lambda: session().stroke("threshold", (1, 2), low=300), ValueError,
-     "low must lie in [0, 255]"),
+    (lambda: C(P), V, "exactly one of"),
+    (lambda: C(P, mask=M, trimap=T), V, "not mask and trimap"),
+    (lambda: C(P.astype(np.int32), mask=M), E, "image must be an (H, W, 3)"),
+    (lambda: C(P[..., :2], mask=M), V, "RGB array, not of shape (20, 30, 2)"),
+    (lambda: C(P[:, :0], mask=M[:, :0]), V, "image is empty"),
+    (lambda: C(P * 2.0, mask=M), V, "image: float values must lie in [0, 1]"),
+    (lambda: C(P, mask=M[:, 1:]), V, "(20, 29) but the image has (20, 30)"),
+    (lambda: C(P, mask=P), V, "mask must be an (H, W) array of the image's"),
+    (lambda: C(P, mask=M.astype(np.int64)), E, "mask must be an (H, W) array"),
+    (lambda: C(P, mask=M // 2), V, "mask has no foreground"),
+    (lambda: C(P, trimap=M // 4), V, "trimap has no foreground or unknown"),
+    (lambda: C(P, trimap=M > 0), E, "trimap must be"),
+    (lambda: C(P, scribbles=np.minimum(L, 1)), V, "no subject (2) labels"),
+    (lambda: C(P, scribbles=P), V, "no red (subject) strokes"),
+    (lambda: C(P, scribbles=np.dstack([P] * 2)), V, "must have shape (20, 30"),
+    (lambda: C(P, mask=M, work_size=7), V, "work_size must lie in [8,"),
+    (lambda: C(P, mask=M, band=(3, 0)), V, "band's SCALE must be a positive"),
+    (lambda: C(P, mask=M, quality="best"), V, 'quality must be "exact", "fi'),
+    (lambda: C(P, mask=M, background=(0, 0, 256)), V, "lie in [0, 255]"),
+    (lambda: C(P, mask=M).composite(P[..., :1]), V, "background must be an"),
+    (lambda: A(P, np.full_like(M, 128)), V, "trimap has no known pixels"),
+    (lambda: A(P, T, epsilon=-1), V, "epsilon must be a positive number"),
+    (lambda: A(P, T.T), V, "trimap has shape (30, 20) but the image has"),
+    (lambda: S(P).matte_from_mask(M * 0), V, "mask has no foreground"),
+    (lambda: S(P).refine(T[1:]), V, "trimap has shape (19, 30)"),
+    (lambda: setattr(S(P), "alpha", P), V, "alpha must be an (H, W) array"),
+    (lambda: S(P).stroke("paint", [(1, 2)]), V, "must be one of erode, dil"),
+    (lambda: S(P).stroke("erode", [(np.nan, 2)]), V, "points must be finite"),
 ]
 
 
@@ -121,11 +61,10 @@ def test_tiny_photos_do_not_crash(shape):
     photo = np.full(shape + (3,), 90, np.uint8)
     mask = np.zeros(shape, np.uint8)
     mask[0, 0] = 255
-    assert softmatte.cutout(photo, mask=mask).alpha.shape == shape
-    session = softmatte.Session(photo)
+    assert C(photo, mask=mask).alpha.shape == shape
+    session = S(photo)
     assert session.matte_from_mask(mask).shape == shape
     session.stroke("smooth", [(0, 0), (8, 8)], radius=1)
     assert session.foreground().shape == shape + (3,)
-    trimap = np.full(shape, 128, np.uint8)
-    trimap[0, 0] = 255
+    trimap = np.where(mask > 0, 255, 128).astype(np.uint8)
     assert softmatte.solve_alpha(photo, trimap).shape == shape
