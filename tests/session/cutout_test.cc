@@ -39,105 +39,98 @@ TEST(MatCutout, MatchesASessionOnEveryGuideAndSolve) {
   const Photo photo = DiscOnGradient(kWidth, kHeight, 30, 22, 15, 24);
   const Plane mask = SceneMask();
   // 47 is the height: only the width exceeds it, so nothing is reduced.
-  for (const int work_size : {47, 30}) {
-    for (const int solver : {MAT_SOLVER_EXACT, MAT_SOLVER_FINE}) {
-      for (const int edge_contrast : {0, 1}) {
-        for (const int strays : {0, 1, 2}) {
-          SCOPED_TRACE(::testing::Message()
-                       << "work_size " << work_size << " solver " << solver
-                       << " edge_contrast " << edge_contrast << " strays "
-                       << strays);
-          mat_cutout_options o;
-          o.work_size = work_size;
-          o.band_scale = 0.3;
-          o.edge_contrast = edge_contrast;
-          o.min_band = 2;
-          o.loose_blocks = strays ? 6 : 0;
-          o.coarse_band = strays == 2 ? 8 : 0;
-          o.smooth_window = 3;
-          o.solve.solver = solver;
-          // The same steps by hand: the strays dropped (1, 2), the band
-          // widened to the run length of the mask's edge (2), the trimap, a
-          // session.
-          Plane seg = mask, trimap(kCount);
-          int max_band = o.max_band;
-          if (strays) {
-            MaskRuns runs = FindMaskRuns(seg.data(), kWidth, kHeight);
-            const int run = cutout_steps::EdgeRunLength(runs);
-            ASSERT_EQ(run, 4);
-            cutout_steps::DropLooseBlocks(photo.bytes.data(), photo.stride, 6,
-                                          run, runs, seg);
-            if (strays == 2) max_band = std::max(max_band, std::min(run, 8));
-          }
-          if (edge_contrast) {
-            MakeTrimapFromSegRes(
-                photo.bytes.data(), kWidth, kHeight, photo.stride, seg.data(),
-                kWidth, trimap.data(), kWidth, max_band, o.band_scale,
-                o.contrast_step, o.contrast_low, o.contrast_high, o.min_band);
-          } else {
-            MakeTrimapFromSegRes(seg.data(), kWidth, kHeight, kWidth,
-                                 trimap.data(), kWidth, max_band, o.band_scale);
-          }
-          ASSERT_GT(std::count(trimap.begin(), trimap.end(), kUnknown), 50);
-          DSCMatting session(photo.bytes.data(), kWidth, kHeight, photo.stride,
-                             o.work_size);
-          session.SetSolveOptions(o.solve);
-          Plane want(kCount), want_colours(3 * kCount);
-          session.Refine(Complemented(trimap).data(), kWidth, kHeight, kWidth,
-                         want.data(), kWidth, o.smooth_window, 0);
-          want = Complemented(want);
-          session.set_alpha(want.data(), kWidth, kHeight, kWidth);
-          session.GetFImage(want_colours.data(), 3 * kWidth, 1);
-          EXPECT_GT(std::count_if(want.begin(), want.end(),
-                                  [](int v) { return v != 0 && v != 255; }),
-                    20);
+  for (int combo = 0; combo < 24; ++combo) {
+    const int work_size = combo % 2 ? 30 : 47, edge_contrast = combo / 2 % 2;
+    const int solver = combo / 4 % 2 ? MAT_SOLVER_FINE : MAT_SOLVER_EXACT;
+    const int strays = combo / 8;
+    SCOPED_TRACE(::testing::Message()
+                 << "work_size " << work_size << " solver " << solver
+                 << " edge_contrast " << edge_contrast << " strays " << strays);
+    mat_cutout_options o;
+    o.work_size = work_size;
+    o.band_scale = 0.3;
+    o.edge_contrast = edge_contrast;
+    o.min_band = 2;
+    o.loose_blocks = strays ? 6 : 0;
+    o.coarse_band = strays == 2 ? 8 : 0;
+    o.smooth_window = 3;
+    o.solve.solver = solver;
+    // The same steps by hand: the strays dropped (1, 2), the band
+    // widened to the run length of the mask's edge (2), the trimap, a
+    // session.
+    Plane seg = mask, trimap(kCount);
+    int max_band = o.max_band;
+    if (strays) {
+      MaskRuns runs = FindMaskRuns(seg.data(), kWidth, kHeight);
+      const int run = cutout_steps::EdgeRunLength(runs);
+      ASSERT_EQ(run, 4);
+      cutout_steps::DropLooseBlocks(photo.bytes.data(), photo.stride, 6, run,
+                                    runs, seg);
+      if (strays == 2) max_band = std::max(max_band, std::min(run, 8));
+    }
+    if (edge_contrast) {
+      MakeTrimapFromSegRes(photo.bytes.data(), kWidth, kHeight, photo.stride,
+                           seg.data(), kWidth, trimap.data(), kWidth, max_band,
+                           o.band_scale, o.contrast_step, o.contrast_low,
+                           o.contrast_high, o.min_band);
+    } else {
+      MakeTrimapFromSegRes(seg.data(), kWidth, kHeight, kWidth, trimap.data(),
+                           kWidth, max_band, o.band_scale);
+    }
+    ASSERT_GT(std::count(trimap.begin(), trimap.end(), kUnknown), 50);
+    DSCMatting session(photo.bytes.data(), kWidth, kHeight, photo.stride,
+                       o.work_size);
+    session.SetSolveOptions(o.solve);
+    Plane want(kCount), want_colours(3 * kCount);
+    session.Refine(Complemented(trimap).data(), kWidth, kHeight, kWidth,
+                   want.data(), kWidth, o.smooth_window, 0);
+    want = Complemented(want);
+    session.set_alpha(want.data(), kWidth, kHeight, kWidth);
+    session.GetFImage(want_colours.data(), 3 * kWidth, 1);
+    EXPECT_GT(std::count_if(want.begin(), want.end(),
+                            [](int v) { return v != 0 && v != 255; }),
+              20);
 
-          // The mask in, with padded strides; anything from 128 up is the
-          // subject.
-          const int gs = kWidth + 5;
-          Plane guide(static_cast<size_t>(gs) * kHeight);
-          for (size_t i = 0; i < kCount; ++i) {
-            guide[i / kWidth * gs + i % kWidth] =
-                mask[i] ? 128 + i % 128 : i % 128;
-          }
-          Plane alpha(kCount), colours(3 * kCount);
-          mat_cutout_timings timings;
-          ASSERT_EQ(
-              mat_cutout(photo.bytes.data(), kWidth, kHeight, photo.stride,
+    // The mask in, with padded strides; anything from 128 up is the
+    // subject.
+    const int gs = kWidth + 5;
+    Plane guide(static_cast<size_t>(gs) * kHeight);
+    for (size_t i = 0; i < kCount; ++i) {
+      guide[i / kWidth * gs + i % kWidth] = mask[i] ? 128 + i % 128 : i % 128;
+    }
+    Plane alpha(kCount), colours(3 * kCount);
+    mat_cutout_timings timings;
+    ASSERT_EQ(mat_cutout(photo.bytes.data(), kWidth, kHeight, photo.stride,
                          guide.data(), gs, MAT_GUIDE_MASK, o, alpha.data(),
                          kWidth, colours.data(), 3 * kWidth, &timings),
               MAT_CUTOUT_OK);
-          EXPECT_EQ(alpha, want);
-          EXPECT_EQ(colours, want_colours);
-          EXPECT_GT(timings.solve, 0.0);
+    EXPECT_EQ(alpha, want);
+    EXPECT_EQ(colours, want_colours);
+    EXPECT_GT(timings.solve, 0.0);
 
-          // The trimap in: the same, whatever noise its grey levels carry.
-          for (size_t i = 0; i < kCount; ++i) {
-            guide[i] = trimap[i] == 0 ? 40 : trimap[i] == 255 ? 230 : 100;
-          }
-          ASSERT_EQ(mat_cutout(photo.bytes.data(), kWidth, kHeight,
-                               photo.stride, guide.data(), kWidth,
-                               MAT_GUIDE_TRIMAP, o, alpha.data(), kWidth,
-                               colours.data(), 3 * kWidth, nullptr),
-                    MAT_CUTOUT_OK);
-          EXPECT_EQ(alpha, want);
-          EXPECT_EQ(colours, want_colours);
+    // The trimap in: the same, whatever noise its grey levels carry.
+    for (size_t i = 0; i < kCount; ++i) {
+      guide[i] = trimap[i] == 0 ? 40 : trimap[i] == 255 ? 230 : 100;
+    }
+    ASSERT_EQ(
+        mat_cutout(photo.bytes.data(), kWidth, kHeight, photo.stride,
+                   guide.data(), kWidth, MAT_GUIDE_TRIMAP, o, alpha.data(),
+                   kWidth, colours.data(), 3 * kWidth, nullptr),
+        MAT_CUTOUT_OK);
+    EXPECT_EQ(alpha, want);
+    EXPECT_EQ(colours, want_colours);
 
-          // Unlike the session's (which works on its complemented matte),
-          // the cut-out's fragment removal keeps the largest pieces of the
-          // subject itself: the stray block goes in any case.
-          o.keep_fragments = 1;
-          ASSERT_EQ(
-              mat_cutout(photo.bytes.data(), kWidth, kHeight, photo.stride,
+    // Unlike the session's (which works on its complemented matte),
+    // the cut-out's fragment removal keeps the largest pieces of the
+    // subject itself: the stray block goes in any case.
+    o.keep_fragments = 1;
+    ASSERT_EQ(mat_cutout(photo.bytes.data(), kWidth, kHeight, photo.stride,
                          mask.data(), kWidth, MAT_GUIDE_MASK, o, alpha.data(),
                          kWidth, colours.data(), 3 * kWidth, nullptr),
               MAT_CUTOUT_OK);
-          vm_erase_small_cc(want.data(), kWidth, kHeight, kWidth, 0, 1);
-          EXPECT_EQ(alpha, want);
-          EXPECT_EQ(alpha[2 * kWidth + 54], 0);
-        }
-      }
-    }
+    vm_erase_small_cc(want.data(), kWidth, kHeight, kWidth, 0, 1);
+    EXPECT_EQ(alpha, want);
+    EXPECT_EQ(alpha[2 * kWidth + 54], 0);
   }
 }
 
