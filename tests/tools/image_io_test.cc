@@ -1,5 +1,6 @@
-// The tool's image reading and writing: size limits taken from the header,
-// Exif orientation, CMYK JPEGs, and PNG round trips at every compression.
+// The tool's image reading and writing: Exif orientation, CMYK JPEGs, and
+// PNG round trips at every compression. (The size limit read from the
+// header is checked through the program, with its message.)
 
 #include "image_io.h"
 
@@ -51,50 +52,16 @@ class ImageIo : public ::testing::Test {
     return dir_ / name;
   }
 
-  static Picture Read(
-      const fs::path& path, Layout layout,
-      long long max_pixels = softmatte_tool::kDefaultMaxPixels) {
+  static Picture Read(const fs::path& path, Layout layout) {
     Picture picture;
     std::string error;
-    EXPECT_TRUE(
-        softmatte_tool::ReadPicture(path, layout, &picture, &error, max_pixels))
+    EXPECT_TRUE(softmatte_tool::ReadPicture(path, layout, &picture, &error))
         << error;
     return picture;
   }
 
   fs::path dir_;
 };
-
-TEST_F(ImageIo, RefusesTooManyPixelsFromTheHeader) {
-  const Picture small = Random(9, 7, Layout::kBgr);
-  const std::string png = Slurp(Png("small.png", small, Layout::kBgr));
-  SaveJpeg(dir_ / "small.jpg", small.pixels.data(), 9, 7);
-  const std::string jpeg = Slurp(dir_ / "small.jpg");
-  // Decoding either would take gigabytes; the header is all that is read.
-  Spit(dir_ / "huge.png", WithPngSize(png, 60000, 60000));
-  Spit(dir_ / "huge.jpg", WithJpegSize(jpeg, 60000, 60000));
-  for (const char* name : {"huge.png", "huge.jpg"}) {
-    Picture picture;
-    std::string error;
-    EXPECT_FALSE(softmatte_tool::ReadPicture(dir_ / name, Layout::kBgr,
-                                             &picture, &error));
-    EXPECT_EQ(error, (dir_ / name).string() +
-                         " is 60000x60000 = 3600000000 pixels, more than the "
-                         "limit of 150000000 (--max-pixels raises it)");
-    EXPECT_TRUE(picture.pixels.empty());
-  }
-  // The limit counts pixels, whatever the width and height.
-  for (const char* name : {"small.png", "small.jpg"}) {
-    Picture picture;
-    std::string error;
-    EXPECT_FALSE(softmatte_tool::ReadPicture(dir_ / name, Layout::kGrey,
-                                             &picture, &error, 62));
-    EXPECT_NE(error.find("9x7 = 63 pixels, more than the limit of 62"),
-              std::string::npos)
-        << error;
-    EXPECT_EQ(Read(dir_ / name, Layout::kGrey, 63).width, 9);
-  }
-}
 
 // Where the stored first row and first column lie in the upright picture,
 // in the words of the Exif standard's table, for orientations 1 to 8.
