@@ -271,45 +271,17 @@ Outputs Estimate(const Planes& p) {
   for (int k = 0; k < 2; ++k)
     EXPECT_TRUE(
         PaddingIntact(out.plane[k], 3 * p.width, p.height, out.stride[k]));
-  return out;
-}
-
-// A random photo under a soft band around a wobbly disc, with scattered
-// unknown specks inside the known areas.
-Planes DiscScene(int width, int height, uint32_t seed) {
-  Planes p(width, height, seed);
-  std::mt19937 rng(seed);
-  const double r = 0.3 * std::min(width, height) + 2;
-  const double ramp = std::min(6.0, std::min(width, height) / 5.0);
-  for (int y = 0; y < height; ++y) {
-    for (int x = 0; x < width; ++x) {
-      const double d = std::hypot(x - 0.45 * width, y - 0.55 * height) - r +
-                       1.5 * std::sin(0.7 * x);
-      const double a =
-          rng() % 60 == 0 ? 0.5 : std::clamp(0.5 - d / ramp, 0.0, 1.0);
-      p.Alpha(x, y) = static_cast<unsigned char>(std::lround(a * 255));
-    }
-  }
-  return p;
-}
-
-TEST(EstimateFbColor, KnownPixelsKeepTheImageColourInBothOutputs) {
-  for (auto [width, height] :
-       {std::pair{7, 6}, {16, 13}, {37, 29}, {101, 67}}) {
-    Planes p = DiscScene(width, height, 500 + width);
-    const Outputs out = Estimate(p);
-    for (int y = 0; y < height; ++y) {
-      for (int x = 0; x < width; ++x) {
-        if (p.Alpha(x, y) >= kLow && p.Alpha(x, y) <= kHigh) continue;
-        for (int k = 0; k < 2; ++k) {
-          ASSERT_TRUE(
-              std::equal(p.Pixel(x, y), p.Pixel(x, y) + 3, out.at(k, x, y)))
-              << width << "x" << height << " at " << x << "," << y << " output "
-              << k;
-        }
+  // Known pixels keep the photo's colour in both outputs.
+  for (int y = 0; y < p.height; ++y) {
+    for (int x = 0; x < p.width; ++x) {
+      const unsigned char a = p.alpha[size_t(y) * p.alphaStride + x];
+      const unsigned char* i = &p.image[size_t(y) * p.imageStride + 3 * x];
+      for (int k = 0; k < 2 && (a < kLow || a > kHigh); ++k) {
+        EXPECT_TRUE(std::equal(i, i + 3, out.at(k, x, y))) << x << "," << y;
       }
     }
   }
+  return out;
 }
 
 TEST(EstimateFbColor, MatteWithoutForegroundSolvesAgainstTheBackgroundMean) {
