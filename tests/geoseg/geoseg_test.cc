@@ -27,24 +27,17 @@ struct Picture {
   }
 };
 
+// Every fifth pixel repeats its left neighbour: a zero step, which costs 1.
 Picture RandomPicture(int width, int height, int step, uint32_t seed) {
   const int stride = width * step + 5;
-  return {width, height, stride, step,
-          RandomPlane(width * step, height, stride, seed)};
-}
-
-// Colour a(x) + b(y): a step costs the same in every row (column), so no
-// shortest path ever turns back and the four sweeps are exact.
-Picture SeparablePicture(int width, int height, std::mt19937& rng) {
-  Picture pic = RandomPicture(width, height, 3, 0);
-  std::vector<int> a(size_t(width) * 3), b(size_t(height) * 3);
-  for (auto& v : a) v = static_cast<int>(rng() % 128);
-  for (auto& v : b) v = static_cast<int>(rng() % 128);
-  for (int y = 0; y < height; ++y)
-    for (int x = 0; x < width; ++x)
-      for (int c = 0; c < 3; ++c)
-        pic.bytes[size_t(y) * pic.stride + x * 3 + c] =
-            static_cast<unsigned char>(a[x * 3 + c] + b[y * 3 + c]);
+  Picture pic{width, height, stride, step,
+              RandomPlane(width * step, height, stride, seed)};
+  for (int i = 1; i < width * height; i += 5) {
+    if (i % width == 0) continue;
+    unsigned char* p =
+        &pic.bytes[size_t(i / width) * stride + i % width * step];
+    std::copy_n(p - step, 3, p);
+  }
   return pic;
 }
 
@@ -111,31 +104,6 @@ std::vector<unsigned int> SingleSweep(const std::vector<unsigned int>& costs,
         at(x, y) = std::min(
             {at(x, y), at(x + nx, y) + cost(x, y, nx < 0 ? kLeft : kRight),
              at(x, y + ny) + cost(x, y, ny < 0 ? kUp : kDown)});
-      }
-    }
-  }
-  return d;
-}
-
-// True geodesic distances: relaxed over every step until nothing changes.
-std::vector<unsigned int> ShortestPaths(const std::vector<unsigned int>& costs,
-                                        int width, int height,
-                                        const Labels& labels,
-                                        unsigned char seed) {
-  std::vector<unsigned int> d(size_t(width) * height, kUnreached);
-  for (int i = 0; i < width * height; ++i)
-    if (labels[i / width * (width + 3) + i % width] == seed) d[i] = 0;
-  for (bool changed = true; changed;) {
-    changed = false;
-    for (int i = 0; i < width * height; ++i) {
-      const int x = i % width, y = i / width;
-      for (auto [side, q] : {std::pair{kLeft, x > 0 ? i - 1 : -1},
-                             {kUp, y > 0 ? i - width : -1},
-                             {kRight, x + 1 < width ? i + 1 : -1},
-                             {kDown, y + 1 < height ? i + width : -1}}) {
-        if (q < 0 || d[i] + costs[size_t(i) * 4 + side] >= d[q]) continue;
-        d[q] = d[i] + costs[size_t(i) * 4 + side];
-        changed = true;
       }
     }
   }
@@ -215,81 +183,13 @@ TEST(GeoSeg, MatchesReferencesOnRandomImages) {
   EXPECT_EQ(seg.edge_weights, nullptr);
   EXPECT_EQ(seg.distance_buffer, nullptr);
   EXPECT_EQ(seg.width + seg.height + seg.row_pixels, 0);
-}
-
-TEST(GeoSeg, DistancesAreShortestPathsWhenNoPathTurnsBack) {
-  // Seeds off the border of a separable picture: every shortest path is
-  // monotone, so one pass follows it. (A border seed cannot start the first
-  // pass's paths: that pass skips row 0 and column 0.)
-  std::mt19937 rng(77);
-  for (int width : {3, 7, 19}) {
-    for (int height : {3, 8, 13}) {
-      const Picture pic = SeparablePicture(width, height, rng);
-      GeoSeg seg;
-      ASSERT_EQ(seg.SetImage(pic.bytes.data(), width, height, pic.stride, 3),
-                0);
-      for (int seeds = 1; seeds <= 4; ++seeds) {
-        Labels labels(size_t(width + 3) * height, 0);
-        for (int k = 0; k < seeds; ++k)
-          labels[(1 + rng() % (height - 2)) * (width + 3) + 1 +
-                 rng() % (width - 2)] = 2;
-        ASSERT_EQ(
-            Dist(seg, labels, 2),
-            Padded(ShortestPaths(ReferenceCosts(pic), width, height, labels, 2),
-                   width, kDistSentinel))
-            << width << "x" << height << ", " << seeds << " seeds";
-      }
-    }
-  }
   // Without pixels the caller's plane is not even initialised.
-  GeoSeg seg;
-  const Picture pic = RandomPicture(6, 5, 3, 32);
-  ASSERT_EQ(seg.SetImage(pic.bytes.data(), 0, 5, pic.stride, 3), 0);
+  const Picture tiny = RandomPicture(6, 5, 3, 32);
+  ASSERT_EQ(seg.SetImage(tiny.bytes.data(), 0, 5, tiny.stride, 3), 0);
   std::vector<unsigned int> plane(8, kDistSentinel);
   const unsigned char label = 1;
   EXPECT_EQ(seg.GetDist(&label, 1, plane.data(), 4, 1), 0);
   EXPECT_EQ(plane, std::vector<unsigned int>(8, kDistSentinel));
-}
-
-TEST(GeoSeg, CostsKeepTheLowSixteenBitsAndNeverZero) {
-  // No three byte differences square-sum to a multiple of 65536, so only an
-  // unchanged colour reaches the zero-becomes-one rule; 65537 and 131073
-  // wrap to 1.
-  const struct {
-    unsigned char d[3];
-    unsigned int want;
-  } cases[] = {{{0, 0, 0}, 1},      {{1, 0, 0}, 1},
-               {{0, 3, 4}, 25},     {{255, 22, 5}, 65534},
-               {{255, 16, 16}, 1},  {{252, 45, 3}, 2},
-               {{252, 46, 4}, 100}, {{248, 188, 185}, 1},
-               {{255, 255, 32}, 2}, {{255, 255, 255}, 64003}};
-  for (const auto& c : cases) {
-    for (int first : {0, 3}) {  // black then the difference, and the reverse
-      unsigned char image[6] = {};
-      std::copy_n(c.d, 3, image + first);
-      GeoSeg seg;
-      ASSERT_EQ(seg.SetImage(image, 2, 1, 6, 3), 0);
-      EXPECT_EQ(seg.edge_weights[kRight], c.want)
-          << +c.d[0] << " " << +c.d[1] << " " << +c.d[2];
-      EXPECT_EQ(seg.edge_weights[4 + kLeft], c.want);
-    }
-  }
-}
-
-TEST(GeoSeg, MissingSeedsCountAsFarAway) {
-  const Picture pic = RandomPicture(7, 6, 3, 41);
-  GeoSeg seg;
-  ASSERT_EQ(seg.SetImage(pic.bytes.data(), 7, 6, pic.stride, 3), 0);
-  Labels labels(60, 0);
-  EXPECT_EQ(Prob(seg, labels), Padded(std::vector<float>(42, 0.5f), 7, -1.0f));
-  // Only one class: its pixel is certain, the rest close to it.
-  for (unsigned char seed : {1, 2}) {
-    labels[2 * 10 + 3] = seed;
-    const std::vector<float> got = Prob(seg, labels);
-    EXPECT_EQ(got[2 * 9 + 3], seed - 1);
-    for (int i = 0; i < 42; ++i)
-      EXPECT_NEAR(got[i / 7 * 9 + i % 7], seed - 1, 0.01f);
-  }
 }
 
 }  // namespace

@@ -10,19 +10,24 @@
 
 namespace {
 
+// Row 1 of a 3 x 3 triangle lists, after its diagonal, a column past the
+// matrix, its own column again, or one left of the diagonal.
 TEST(MnSparseSolveD, InconsistentTriangleIsRejectedWithMessage) {
-  // Column 7 of a 3 x 3 system.
-  const std::vector<double> values = {2.0, 0.5, 2.0, 2.0}, rhs = {1, 1, 1};
-  const std::vector<int> columns = {1, 7, 2, 3}, rowStart = {1, 3, 4, 5};
-  std::vector<double> x(3, -123.0);
-  testing::internal::CaptureStdout();
-  const int result =
-      mn_sparse_solve_d(values.data(), columns.data(), rowStart.data(), 3, 4,
-                        rhs.data(), x.data());
-  fflush(stdout);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "error number of unknowns");
-  EXPECT_EQ(result, -1);
-  EXPECT_EQ(x, std::vector<double>(3, -123.0)) << "nothing is solved";
+  for (int bad : {7, 2, 1}) {
+    const std::vector<double> values = {2.0, 2.0, 0.5, 2.0}, rhs = {1, 1, 1};
+    const std::vector<int> columns = {1, 2, bad, 3}, rowStart = {1, 2, 4, 5};
+    std::vector<double> x(3, -123.0);
+    testing::internal::CaptureStdout();
+    const int result =
+        mn_sparse_solve_d(values.data(), columns.data(), rowStart.data(), 3, 4,
+                          rhs.data(), x.data());
+    fflush(stdout);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "error number of unknowns")
+        << "column " << bad;
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(x, std::vector<double>(3, -123.0)) << "nothing is solved";
+  }
 }
 
 // The solver's tuning values only count if SuperLU, which calls sp_ienv
