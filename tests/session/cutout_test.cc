@@ -269,6 +269,22 @@ TEST(DropLooseBlocks, DropsOnlyStraysThePhotoDoesNotShow) {
   const MaskRuns again = FindMaskRuns(seg.data(), width, height);
   ASSERT_EQ(runs.runs.size(), again.runs.size());
   EXPECT_EQ(runs.rowStart, again.rowStart);
+
+  // The contrast is met with equality: on a flat background a stray exactly
+  // 6 levels off stays, one 5 off goes.
+  Plane flat(3 * width * height, 60), strays(width * height, 0);
+  for (int y = 0; y < height; ++y) std::fill_n(&strays[y * width], 20, 255);
+  for (const auto& [x0, level] : {std::array{26, 66}, {36, 65}}) {
+    for (int y = 4; y < 8; ++y) {
+      std::fill_n(&strays[y * width + x0], 4, 255);
+      std::fill_n(&flat[3 * (y * width + x0)], 12, level);
+    }
+  }
+  want = strays;
+  for (int y = 4; y < 8; ++y) std::fill_n(&want[y * width + 36], 4, 0);
+  runs = FindMaskRuns(strays.data(), width, height);
+  cutout_steps::DropLooseBlocks(flat.data(), 3 * width, 6, 4, runs, strays);
+  EXPECT_EQ(strays, want);
 }
 
 }  // namespace
