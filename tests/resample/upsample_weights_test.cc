@@ -38,8 +38,10 @@ Colour MakeColour(int width, int height, int bytes, int levels, int span,
 // of least error wins. Writes the entry of (x, y) into idx and wts.
 void ReferenceEntry(const Colour& img, const Colour& low, int x, int y,
                     int mode, int* idx, short* wts) {
-  const double sx = double(low.width - 1) / (img.width - 1);
-  const double sy = double(low.height - 1) / (img.height - 1);
+  // A single row or column maps to the reduced copy's first.
+  const double sx = img.width > 1 ? double(low.width - 1) / (img.width - 1) : 0;
+  const double sy =
+      img.height > 1 ? double(low.height - 1) / (img.height - 1) : 0;
   int u = int(x * sx + 0.5), v;
   std::vector<int> du, dv;
   if (mode == 2) {  // rows truncate, columns round
@@ -99,9 +101,11 @@ TEST(UsamWeights, MatchBruteForcePairSearch) {
   struct Size {
     int width, height, lowWidth, lowHeight;
   };
-  // Reductions by various ratios, equal sizes and an enlargement.
+  // Reductions by various ratios, equal sizes, an enlargement and a single
+  // row or column (which maps to the reduced copy's first).
   const Size sizes[] = {{13, 11, 5, 4},   {31, 17, 9, 6}, {7, 9, 3, 3},
-                        {25, 19, 25, 19}, {9, 7, 14, 10}, {2, 2, 3, 3}};
+                        {25, 19, 25, 19}, {9, 7, 14, 10}, {2, 2, 3, 3},
+                        {9, 1, 5, 3},     {1, 7, 3, 4}};
   // kind 0 fills all, 1 where the mask is non-zero, 2 the same through the
   // form with a mask value, 3 the holes where the mask is 128 (update), 4
   // every hole (update without a mask).
