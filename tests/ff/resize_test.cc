@@ -33,10 +33,12 @@ void Table(int srcLen, int dstLen, bool bl, std::vector<int>& idx,
 }
 
 TEST(Resize, NearestAndBilinearMatchReference) {
-  // {srcW, srcH, dstW, dstH}: shrinking, growing, identity, single lines.
+  // {srcW, srcH, dstW, dstH}: shrinking, growing, identity, one side kept,
+  // single lines.
   const int sizes[][4] = {{4, 3, 2, 2},    {2, 2, 7, 9},     {17, 13, 17, 13},
                           {33, 9, 10, 31}, {31, 17, 13, 40}, {41, 29, 19, 23},
-                          {7, 1, 3, 4},    {1, 5, 6, 2}};
+                          {9, 5, 9, 11},   {12, 14, 5, 14},  {7, 1, 3, 4},
+                          {1, 5, 6, 2}};
   // {channels, srcPix, dstPix}: whole pixels, one channel of a colour image,
   // colour with a fourth byte that must stay untouched; sixteen channels and
   // more take the wide bilinear path.
