@@ -1,3 +1,6 @@
+// Trimaps and their building blocks against plain versions written out
+// pixel by pixel, and the run-based trimap of the one-shot flow against the
+// whole-plane one, byte for byte.
 #include "softmatte/trimap.h"
 
 #include <gtest/gtest.h>
@@ -5,13 +8,20 @@
 #include <algorithm>
 #include <climits>
 #include <cmath>
+#include <cstring>
+#include <memory>
 #include <random>
+#include <tuple>
 #include <utility>
 #include <vector>
 
 #include "test_util.h"
+#include "trimap/trimap_runs.h"
 
 namespace {
+
+using Bytes = std::vector<unsigned char>;
+using softmatte_test::kSentinel;
 
 // The contrast rule of the image-aware form, per-channel bounds.
 struct Contrast {
@@ -104,60 +114,242 @@ TEST(MakeTrimapFromSegRes, BothFormsMatchThePlainPainter) {
     for (int height : {4, 9, 23})
       for (int trial = 0; trial < 6; ++trial) {
         // Trials 0 and 1 are all 0 and all 255; the rest up to four discs of
-        // 255 with ragged edges on 0, a full 255 row and a few 100s.
+        // 255 with ragged edges on 0, a full 255 row and a few 100s, on a
+        // photo whose two sides differ by a random amount.
         const int n = width * height, offset = rng() % 160;
-        std::vector<unsigned char> seg(n, trial == 1 ? 255 : 0), img(3 * n);
+        Bytes seg(n, trial == 1 ? 255 : 0), img(3 * n);
         for (int b = trial < 2 ? 4 : rng() % 4; b < 4; ++b) {
-          const int centre = rng() % n, radius = 1 + rng() % (width / 2 + 1);
+          const int c = rng() % n, radius = 1 + rng() % (width / 2 + 1);
           for (int i = 0; i < n; ++i) {
-            const int dx = i % width - centre % width,
-                      dy = i / width - centre / width;
+            const int dx = i % width - c % width, dy = i / width - c / width;
             if (dx * dx + dy * dy <= radius * radius && rng() % 9 != 0)
               seg[i] = 255;
           }
         }
         for (int i = 0; trial > 1 && i < 3; ++i) seg[rng() % n] = 100;
         if (trial > 1) std::fill_n(&seg[rng() % height * width], width, 255);
-        // A photo whose two sides differ by a random amount.
         for (int i = 0; i < 3 * n; ++i)
           img[i] = rng() % 64 + (seg[i / 3] == 255 ? offset : 0);
         // Padded rows everywhere: the strides differ from one another.
-        const int ss = width + 1 + rng() % 6, is = 3 * width + 2,
-                  os = width + 3;
-        const auto pseg = softmatte_test::RandomPlane(width, height, ss, 1);
+        const int ss = width + 1 + rng() % 6, is = 3 * width + 2;
+        auto pseg = softmatte_test::RandomPlane(width, height, ss, 1);
         auto pimg = softmatte_test::RandomPlane(3 * width, height, is, 2);
-        std::vector<unsigned char> padded(pseg);
         for (int y = 0; y < height; ++y) {
-          std::copy_n(&seg[y * width], width, &padded[y * ss]);
+          std::copy_n(&seg[y * width], width, &pseg[y * ss]);
           std::copy_n(&img[3 * y * width], 3 * width, &pimg[y * is]);
         }
-        SCOPED_TRACE(testing::Message()
-                     << width << "x" << height << " trial " << trial);
-        for (const auto& [max_band, scale] : bands) {
+        for (const auto& [band, scale] : bands) {
           for (int ci = -1; ci < 3; ++ci) {
-            std::vector<unsigned char> out(os * height,
-                                           softmatte_test::kSentinel);
+            Bytes out((width + 3) * height, kSentinel);
             const Contrast* c = ci < 0 ? nullptr : &contrasts[ci];
             if (c) {
-              MakeTrimapFromSegRes(
-                  pimg.data(), width, height, is, padded.data(), ss, out.data(),
-                  os, max_band, scale, c->step,
-                  static_cast<unsigned char>(c->low),
-                  static_cast<unsigned char>(c->high), c->min_band);
+              MakeTrimapFromSegRes(pimg.data(), width, height, is, pseg.data(),
+                                   ss, out.data(), width + 3, band, scale,
+                                   c->step, c->low, c->high, c->min_band);
             } else {
-              MakeTrimapFromSegRes(padded.data(), width, height, ss, out.data(),
-                                   os, max_band, scale);
+              MakeTrimapFromSegRes(pseg.data(), width, height, ss, out.data(),
+                                   width + 3, band, scale);
             }
-            const auto want =
-                Paint(seg, img, width, height, max_band, scale, c);
+            const auto want = Paint(seg, img, width, height, band, scale, c);
             ASSERT_EQ("",
                       softmatte_test::PlaneMismatch(
-                          out, width, height, os, softmatte_test::kSentinel,
+                          out, width, height, width + 3, kSentinel,
                           [&](int x, int y) { return want[y * width + x]; }))
-                << "contrast " << ci << " band " << max_band;
+                << width << "x" << height << " trial " << trial << " contrast "
+                << ci << " band " << band;
           }
         }
       }
+}
+
+// Discs, thin bars, single pixels and holes, some over the border; or the
+// blocky enlargement of such a mask, as segmenters give them.
+Bytes RandomMask(int width, int height, uint32_t seed) {
+  std::mt19937 rng(seed);
+  Bytes mask(static_cast<size_t>(width) * height, 0);
+  for (int s = 0, shapes = 1 + rng() % 8; s < shapes; ++s) {
+    const double cx = rng() % (width + 10) - 5.0;
+    const double cy = rng() % (height + 10) - 5.0;
+    const double rx = 0.5 + rng() % (1 + width / 2);
+    const double ry = rng() % 3 == 0 ? 0.7 : 0.5 + rng() % (1 + height / 2);
+    const unsigned char value = s > 0 && rng() % 4 == 0 ? 0 : 255;
+    softmatte_test::FillEllipse(mask, width, height, cx, cy, rx, ry, value);
+  }
+  for (int specks = rng() % 6; specks > 0; --specks)
+    mask[rng() % mask.size()] ^= 255;
+  if (rng() % 3 == 0)
+    mask = softmatte_test::BlockyMask(mask, width, height, 2 + rng() % 6);
+  return mask;
+}
+
+TEST(MakeTrimapFromRuns, MatchesTheWholePlaneTrimap) {
+  std::mt19937 rng(7);
+  const int bands[] = {0, 1, 2, 3, 5, 12};
+  const double scales[] = {0.0, 0.01, 0.1, 0.25, 0.5, 1.0, 3.0};
+  for (int round = 0; round < 400; ++round) {
+    const int width = 1 + rng() % 70, height = 1 + rng() % 60;
+    const Bytes mask = RandomMask(width, height, round);
+    const int band = bands[rng() % 6];
+    const double scale = scales[rng() % 7];
+    Bytes want(mask.size(), 7), got(mask.size(), 9);
+    MakeTrimapFromSegRes(mask.data(), width, height, width, want.data(), width,
+                         band, scale);
+    MakeTrimapFromRuns(mask.data(), width, height, got.data(), band, scale);
+    ASSERT_EQ(got, want) << "round " << round << ": " << width << "x" << height
+                         << " band " << band << " scale " << scale;
+  }
+}
+
+// Labels need not form connected regions: any label image is read the same
+// way. A 255 pixel (not 254) is on the boundary when a neighbour inside the
+// image carries another label. The lists are appended to out, yet out[l] is
+// still label l's list.
+TEST(GetCCBndryPixels, MatchesNeighbourCheckOnRandomLabels) {
+  std::mt19937 rng(1234);
+  for (int width : {1, 2, 5, 17, 32})
+    for (int height : {1, 3, 8, 13})
+      for (int count : {1, 2, 5}) {
+        const int n = width * height, stride = width + 3;
+        Bytes seg(stride * height, kSentinel);
+        std::vector<int> labels(n);
+        for (int i = 0; i < n; ++i) {
+          const unsigned r = rng() % 8;
+          seg[i / width * stride + i % width] = r < 5 ? 255 : r == 5 ? 254 : 0;
+          labels[i] =
+              (i % width / 3 + i / width / 2 * 7 + (rng() % 6 == 0)) % count;
+        }
+        std::vector<std::vector<std::pair<int, int>>> want(count + 1);
+        for (int i = 0; i < n; ++i) {
+          const int x = i % width, y = i / width, l = labels[i];
+          if (seg[y * stride + x] == 255 &&
+              ((x > 0 && labels[i - 1] != l) ||
+               (x + 1 < width && labels[i + 1] != l) ||
+               (y > 0 && labels[i - width] != l) ||
+               (y + 1 < height && labels[i + width] != l)))
+            want[l].push_back({x, y});
+        }
+        std::vector<std::vector<dpl_pt2di>> got(1);
+        GetCCBndryPixels(seg.data(), width, height, stride, labels.data(),
+                         count, got);
+        std::vector<std::vector<std::pair<int, int>>> points(got.size());
+        for (size_t l = 0; l < got.size(); ++l)
+          for (const dpl_pt2di& p : got[l]) points[l].push_back({p.x, p.y});
+        ASSERT_EQ(points, want) << width << "x" << height;
+      }
+}
+
+TEST(AdaRect_CCSz, ReachesOneMorePixelBeforeThanAfterAndClips) {
+  // {x, y, r, width, height, left, right, top, bottom}; INT_MAX clips
+  // without overflowing.
+  const int cases[][9] = {{10, 10, 3, 100, 100, 7, 13, 7, 13},
+                          {0, 0, 3, 100, 100, 0, 3, 0, 3},
+                          {98, 5, 4, 100, 7, 94, 100, 1, 7},
+                          {4, 4, 0, 100, 100, 4, 4, 4, 4},
+                          {5, 5, INT_MAX, 10, 10, 0, 10, 0, 10}};
+  for (const auto& c : cases) {
+    const dpl_rect r = AdaRect_CCSz(dpl_pt2di{c[0], c[1]}, c[2], c[3], c[4]);
+    EXPECT_EQ(std::tuple(r.left, r.right, r.top, r.bottom),
+              std::tuple(c[5], c[6], c[7], c[8]))
+        << c[2];
+  }
+}
+
+constexpr float kFar = 1e20f;
+
+// Replaces the n samples of g at start, start + step, ... by the min over q
+// of f[q] + (p - q)^2, trying every q.
+void BruteForceLine(std::vector<float>& g, int start, int step, int n) {
+  std::vector<float> f(n);
+  for (int q = 0; q < n; ++q) f[q] = g[start + q * step];
+  for (int p = 0; p < n; ++p) {
+    float best = f[0] + static_cast<float>(p * p);
+    for (int q = 1; q < n; ++q)
+      best = std::min(best, f[q] + static_cast<float>((p - q) * (p - q)));
+    g[start + p * step] = best;
+  }
+}
+
+// Columns, then rows, line by line. The library walks the lines of a pass in
+// four ranges cut at n/4, n/2 and 3 * (n/4); with 2 or 3 lines the last range
+// restarts at 0, so line 0 goes through twice.
+std::vector<float> LineByLine(std::vector<float> g, int width, int height) {
+  for (int x = 0; x < width; ++x) BruteForceLine(g, x, width, height);
+  if (width == 2 || width == 3) BruteForceLine(g, 0, width, height);
+  for (int y = 0; y < height; ++y) BruteForceLine(g, y * width, 1, width);
+  if (height == 2 || height == 3) BruteForceLine(g, 0, 1, width);
+  return g;
+}
+
+// A mask's grid (sources where it is 0: non-zero, not 255, is the object),
+// then the same grid with small integer costs, exact in float, on some far
+// pixels, and -0 (a source too, coming out as +0) on some sources.
+TEST(DistanceTransform, MatchesBruteForceOnRandomGrids) {
+  std::mt19937 rng(5150);
+  for (int width : {1, 2, 3, 4, 5, 9, 33})
+    for (int height : {1, 2, 3, 4, 7, 31})
+      for (unsigned zeros : {0u, 1u, 10u, 60u, 100u}) {
+        SCOPED_TRACE(testing::Message()
+                     << width << "x" << height << ", " << zeros << "% zeros");
+        const int n = width * height, stride = width + 3;
+        Bytes mask = softmatte_test::RandomPlane(width, height, stride, rng());
+        for (int i = 0; i < n; ++i) {
+          unsigned char& m = mask[i / width * stride + i % width];
+          m = rng() % 100 < zeros ? 0 : m | 1;
+        }
+        std::unique_ptr<float[]> grid(
+            DPLMatting_MakeDTInput(mask.data(), width, height, stride));
+        for (int i = 0; i < n; ++i)
+          ASSERT_EQ(grid[i], mask[i / width * stride + i % width] ? kFar : 0);
+        std::vector<float> costs(grid.get(), grid.get() + n);
+        for (int pass = 0; pass < 2; ++pass) {
+          const std::vector<float> want = LineByLine(costs, width, height);
+          DistanceTransform(pass ? costs.data() : grid.get(), width, height);
+          ASSERT_EQ(0, std::memcmp(pass ? costs.data() : grid.get(),
+                                   want.data(), sizeof(float) * n));
+          if (pass) break;
+          for (float& v : costs)
+            if (rng() % 3 == 0)
+              v = v == 0.0f ? -0.0f : static_cast<float>(rng() % 200);
+          std::vector<float> row0(costs.begin(), costs.begin() + width);
+          std::unique_ptr<float[]> d(DistanceTransform1D(row0.data(), width));
+          ASSERT_TRUE(std::equal(row0.begin(), row0.end(), costs.begin()))
+              << "the input is only read";
+          BruteForceLine(row0, 0, 1, width);
+          ASSERT_EQ(0,
+                    std::memcmp(d.get(), row0.data(), sizeof(float) * width));
+        }
+      }
+}
+
+// Mostly near 128 with rare extremes: flat windows, flat 128s and steps of
+// exactly 127 and 128 all occur.
+TEST(MakeSeeds, MatchesClippedWindowReferenceWithPaddedRows) {
+  std::mt19937 rng(7);
+  for (auto [w, h, window] :
+       {std::tuple{1, 9, 4}, {6, 1, 0}, {13, 8, 3}, {13, 8, 2}}) {
+    const int s = w + 3, os = w + 5, r = (window | 1) / 2;
+    Bytes a(s * h), out(os * h, kSentinel);
+    for (auto& v : a) v = rng() % 9 ? 124 + rng() % 6 : 254 * (rng() % 2);
+    MakeSeeds(a.data(), w, h, s, out.data(), os, window);
+    for (int y = 0; y < h; ++y) {
+      for (int x = 0; x < w; ++x) {
+        int lo = 255, hi = 0;
+        for (int j = std::max(0, y - r); j <= std::min(h - 1, y + r); ++j)
+          for (int i = std::max(0, x - r); i <= std::min(w - 1, x + r); ++i)
+            lo = std::min<int>(lo, a[j * s + i]),
+            hi = std::max<int>(hi, a[j * s + i]);
+        const int v = a[y * s + x];
+        ASSERT_EQ(out[y * os + x], hi - lo >= 128 ? 128
+                                   : v == 128     ? 127
+                                                  : v)
+            << w << "x" << h << " window " << window;
+      }
+    }
+    EXPECT_TRUE(softmatte_test::PaddingIntact(out, w, h, os));
+  }
+  Bytes row = {0, 127, 128, 129, 255, 0xA5};
+  InvertMatte(row.data(), 5, 1, 6);  // all but unknown; padding stays
+  EXPECT_EQ(row, (Bytes{255, 128, 128, 126, 0, 0xA5}));
 }
 
 }  // namespace
