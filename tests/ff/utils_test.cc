@@ -1,19 +1,128 @@
+// Planes, images and their helpers against byte loops and definitions
+// written inside the test, on random planes with odd sizes and padded rows.
 #include "softmatte/ff/utils.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
+#include <cstddef>
+#include <cstdint>
 #include <cstring>
+#include <limits>
 #include <random>
+#include <tuple>
+#include <utility>
 #include <vector>
 
+#include "softmatte/ff/fvt_image.h"
 #include "test_util.h"
 
 namespace {
 
 using Bytes = std::vector<unsigned char>;
+using softmatte_test::RandomBytes;
 using softmatte_test::RandomPlane;
+
+// Copies, fills and flips against the byte loops above: contiguous rows on
+// both sides (the single-copy path), on one side only and padded on both;
+// 1 to 7 bytes a pixel, planes one byte into their buffers (2- and 4-byte
+// pixels off their alignment); flips also in place.
+TEST(PlaneHelpers, CopyFillAndFlipMatchByteLoops) {
+  const unsigned char fill = 0xC3;  // above 127: no sign mangling
+  uint32_t seed = 1;
+  for (int pb = 1; pb <= 7; ++pb)
+    for (int width : {1, 2, 5, 8, 17})
+      for (int rows : {1, 2, 3, 6})
+        for (int planes : {1, 3})
+          for (auto [sp, dp] : {std::pair{0, 0}, {0, 3}, {5, 0}, {3, 7}}) {
+            SCOPED_TRACE(testing::Message()
+                         << pb << " bytes, " << width << " x " << rows << " x "
+                         << planes << " pads " << sp << "/" << dp);
+            const int rb = width * pb, ss = rb + sp, ds = rb + dp;
+            // Gaps between planes of other sizes than the row padding; with
+            // one plane the gap is a tail that catches one row too many.
+            const int sPlane = ss * rows + 4, dPlane = ds * rows + 1;
+            const Bytes src = RandomBytes(size_t(sPlane) * planes + 1, seed++);
+            const Bytes dst = RandomBytes(size_t(dPlane) * planes + 1, seed++);
+            const auto from = [&](int x, int y, int p) {
+              return src[1 + size_t(p) * sPlane + y * ss + x];
+            };
+            Bytes got = dst, set = dst;
+            if (planes == 1) {
+              ff::ipf_memcpy_2d(&src[1], rb, rows, ss, &got[1], ds);
+              ff::ipf_memset_2d(&set[1], rb, rows, ds, static_cast<char>(fill));
+            } else {
+              ff::ipf_memcpy_3d(&src[1], rb, rows, planes, ss, sPlane, &got[1],
+                                ds, dPlane);
+              ff::ipf_memset_3d(&set[1], rb, rows, planes, ds, dPlane,
+                                static_cast<char>(fill));
+            }
+            // Buffers are random everywhere, padding, plane gaps and tail
+            // included, and compared whole: a helper must leave every byte
+            // outside its rows exactly as it was.
+            const auto shifted = [&](Bytes b, int stride, int step, auto f) {
+              for (int p = 0; p < planes; ++p)
+                for (int y = 0; y < rows; ++y)
+                  for (int x = 0; x < rb; ++x)
+                    b[1 + size_t(p) * step + y * stride + x] = f(x, y, p);
+              return b;
+            };
+            const Bytes copied = shifted(dst, ds, dPlane, from);
+            ASSERT_TRUE(got == copied) << "copy";
+            ASSERT_TRUE(set == shifted(dst, ds, dPlane,
+                                       [&](int, int, int) { return fill; }))
+                << "fill";
+            if (planes > 1) continue;
+            // The pixel copy takes its row length from element size times
+            // channel count.
+            for (int type : {0x111, 0x311, 0x223, 0x145}) {
+              const int pixel = ((type >> 4) & 15) * ((type >> 8) & 255);
+              if (rb % pixel != 0) continue;
+              Bytes pixels = dst;
+              ff::fiuCopy(&src[1], rb / pixel, rows, ss, type, &pixels[1], ds);
+              ASSERT_TRUE(pixels == copied) << "fiuCopy type " << type;
+            }
+            const auto vert = [&](int x, int y, int) {
+              return from(x, rows - 1 - y, 0);
+            };
+            const auto horz = [&](int x, int y, int) {
+              return from((width - 1 - x / pb) * pb + x % pb, y, 0);
+            };
+            got = dst;
+            ff::ipf_flip_vert(&src[1], rb, rows, ss, &got[1], ds);
+            ASSERT_TRUE(got == shifted(dst, ds, dPlane, vert)) << "vertical";
+            got = dst;
+            ff::ipf_flip_horz(&src[1], width, rows, ss, pb, &got[1], ds);
+            ASSERT_TRUE(got == shifted(dst, ds, dPlane, horz)) << "horizontal";
+            got = src;
+            ff::ipf_flip_vert(&got[1], rb, rows, ss);
+            ASSERT_TRUE(got == shifted(src, ss, sPlane, vert)) << "in place";
+            got = src;
+            ff::ipf_flip_horz(&got[1], width, rows, ss, pb);
+            ASSERT_TRUE(got == shifted(src, ss, sPlane, horz)) << "in place";
+          }
+  // Null planes and a bottom-up (negative) or zero stride in place do
+  // nothing.
+  const Bytes before = RandomBytes(64, 600);
+  Bytes plane = before;
+  unsigned char* p = plane.data();
+  ff::ipf_memcpy_2d(nullptr, 8, 4, 8, p, 8);
+  ff::ipf_memcpy_2d(p, 8, 4, 8, nullptr, 8);
+  ff::ipf_memcpy_3d(nullptr, 8, 2, 2, 8, 16, p, 8, 16);
+  ff::ipf_memcpy_3d(p, 8, 2, 2, 8, 16, nullptr, 8, 16);
+  ff::ipf_memset_2d(nullptr, 8, 4, 8, 0);
+  ff::ipf_memset_3d(nullptr, 8, 2, 2, 8, 16, 0);
+  ff::ipf_flip_vert(nullptr, 8, 4, 8, p, 8);
+  ff::ipf_flip_vert(p, 8, 4, 8, nullptr, 8);
+  ff::ipf_flip_vert(nullptr, 8, 4, 8);
+  ff::ipf_flip_horz(nullptr, 8, 4, 8, 1, p, 8);
+  ff::ipf_flip_horz(p, 8, 4, 8, 1, nullptr, 8);
+  ff::ipf_flip_horz(nullptr, 8, 4, 8, 1);
+  ff::ipf_flip_vert(p + 24, 8, 4, -8);
+  ff::ipf_flip_vert(p, 8, 4, 0);
+  EXPECT_TRUE(plane == before);
+}
 
 // The naive result: plane with the n bytes at pitch * x of each row y < h
 // replaced by want(x, y); everything else, padding included, as it was.
@@ -149,6 +258,226 @@ TEST(FiuConvert, RoundsSaturatesAndWorksInPlace) {
   for (int y = 0; y < 3; ++y)
     ASSERT_EQ(0, memcmp(img.data + y * img.step,
                         original.data + y * original.step, 15));
+}
+
+// Element i of row y.
+template <typename T>
+T At(const Bytes& p, int step, int i, int y) {
+  T v;
+  memcpy(&v, &p[static_cast<size_t>(y) * step + i * sizeof(T)], sizeof(T));
+  return v;
+}
+
+// Keys' cubic (a = -0.5) and the tent, written from their definitions.
+double Kernel(int taps, double d) {
+  d = std::fabs(d);
+  if (taps == 2) return std::max(0.0, 1 - d);
+  if (d <= 1) return 1.5 * d * d * d - 2.5 * d * d + 1;
+  if (d < 2) return -0.5 * d * d * d + 2.5 * d * d - 4 * d + 2;
+  return 0;
+}
+
+// Bilinear and cubic on odd sizes (shrinking, growing, identity) against
+// the definition: centred grids, clamped taps, the sum in double, rounded
+// and saturated for integers; nearest on the identity. Padding survives.
+template <typename T>
+void CheckResize(int channels, double tolerance, uint32_t seed) {
+  const int type = ff::fiFormat<T>(channels), pb = sizeof(T) * channels;
+  std::mt19937 rng(seed);
+  const int sizes[][4] = {
+      {7, 5, 3, 4}, {5, 3, 11, 7}, {1, 1, 3, 2}, {9, 6, 9, 6}, {13, 3, 4, 1}};
+  for (const auto& s : sizes) {
+    const int sw = s[0], sh = s[1], dw = s[2], dh = s[3];
+    const int ss = sw * pb + 3, ds = dw * pb + 5;
+    // Floats from small integers: random bytes would make NaNs.
+    Bytes src = softmatte_test::RandomPlane(sw * pb, sh, ss, seed++);
+    for (int y = 0; std::is_floating_point_v<T> && y < sh; ++y) {
+      for (int i = 0; i < sw * channels; ++i) {
+        const T v = static_cast<T>(static_cast<int>(rng() % 2001) - 1000);
+        memcpy(&src[y * ss + i * sizeof(T)], &v, sizeof(T));
+      }
+    }
+    const bool same = sw == dw && sh == dh;
+    for (int method = same ? 0 : 1; method <= 2; ++method) {
+      Bytes dst = softmatte_test::RandomPlane(dw * pb, dh, ds, seed++);
+      ASSERT_EQ(1, ff::fiuResize(src.data(), sw, sh, ss, type, dst.data(), dw,
+                                 dh, ds, method));
+      // On the identity the tent is exact, so it stands for nearest too.
+      const int taps = std::max(2, method * 2);
+      const auto want = [&](int x, int y, int c) {
+        const double cx = (x + 0.5) * sw / dw - 0.5;
+        const double cy = (y + 0.5) * sh / dh - 0.5;
+        const int x0 = static_cast<int>(std::floor(cx)) - taps / 2 + 1;
+        const int y0 = static_cast<int>(std::floor(cy)) - taps / 2 + 1;
+        double sum = 0;
+        for (int sy = y0; sy < y0 + taps; ++sy)
+          for (int sx = x0; sx < x0 + taps; ++sx)
+            sum += Kernel(taps, cx - sx) * Kernel(taps, cy - sy) *
+                   At<T>(src, ss, std::clamp(sx, 0, sw - 1) * channels + c,
+                         std::clamp(sy, 0, sh - 1));
+        if (std::is_floating_point_v<T>) return sum;
+        return std::clamp(std::round(sum),
+                          double{std::numeric_limits<T>::min()},
+                          double{std::numeric_limits<T>::max()});
+      };
+      for (int y = 0; y < dh; ++y) {
+        for (int x = 0; x < dw * channels; ++x) {
+          ASSERT_NEAR(At<T>(dst, ds, x, y), want(x / channels, y, x % channels),
+                      same ? 0 : tolerance)
+              << "type " << type << " method " << method << " size "
+              << &s - sizes << " at " << x << "," << y;
+        }
+      }
+      ASSERT_TRUE(softmatte_test::PaddingIntact(dst, dw * pb, dh, ds));
+    }
+  }
+}
+
+TEST(FiuResize, MatchesReferenceForEveryElementType) {
+  CheckResize<unsigned char>(3, 1, 1);  // fixed point: off by one at most
+  CheckResize<signed char>(1, 1, 2);
+  CheckResize<unsigned short>(2, 1, 3);
+  CheckResize<short>(1, 1, 4);
+  CheckResize<int>(1, 1, 5);  // double weights: only halves may differ
+  CheckResize<float>(3, 1e-3, 6);
+  // Fixed-point weights must sum to exactly one, or a flat 255 plane drifts
+  // (within the tolerance above); unknown methods are refused. The image
+  // form shapes its destination like the source.
+  std::vector<unsigned char> flat(9 * 7 * 3, 255), out(4 * 3 * 3, 0);
+  for (int method : {1, 2}) {
+    ASSERT_EQ(1, ff::fiuResize(flat.data(), 9, 7, 27, ff::kFormat8UC3,
+                               out.data(), 4, 3, 12, method));
+    EXPECT_EQ(out, std::vector<unsigned char>(out.size(), 255));
+  }
+  EXPECT_EQ(0, ff::fiuResize(flat.data(), 9, 7, 27, ff::kFormat8UC3, out.data(),
+                             4, 3, 12, 3));
+  ff::FVTImage img(9, 7, ff::kFormat8UC3, 4), small(4, 3, ff::kFormat8UC1, 4);
+  ASSERT_EQ(1, ff::fiuFill(img.data, 9, 7, img.step, img.type, flat.data()));
+  ASSERT_EQ(1, ff::fiResize(img, small, ff::kResizeCubic));
+  EXPECT_EQ(ff::kFormat8UC3, small.type);
+}
+
+using ff::FVTImage;
+using Fields = std::tuple<const void*, int, int, int, int, int>;
+
+// Data, width, height, step, type and flags, compared and printed together.
+Fields Of(const FVTImage& img) {
+  return {img.data, img.width, img.height, img.step, img.type, img.flags};
+}
+
+int PixelBytes(int type) { return ((type >> 4) & 15) * ((type >> 8) & 255); }
+
+// Smallest multiple of align that holds the row, found by counting up.
+int PaddedRow(int rowBytes, int align) {
+  int step = 0;
+  while (step < rowBytes) step += align;
+  return step;
+}
+
+// Owners pad rows to the alignment (0 gives no row, -1 the bare row);
+// copies of views, made or assigned, own their pixels with 4-byte rows.
+TEST(FVTImage, OwnersPadRowsAndCopiesOfViewsOwnTheirPixels) {
+  uint32_t seed = 1;
+  for (int type : {0x111, 0x311, 0x223, 0x345}) {
+    for (int width = 1; width <= 17; ++width) {
+      const int rowBytes = width * PixelBytes(type), stride = rowBytes + 5;
+      for (int align : {1, 2, 4, 8, 16}) {
+        FVTImage img(width, 3, type, align);
+        ASSERT_EQ(Of(img), Fields(img.data, width, 3,
+                                  PaddedRow(rowBytes, align), type, 1));
+        // Under ASan a block smaller than step * height fails here.
+        std::memset(img.data, 0x5A, static_cast<size_t>(img.step) * 3);
+      }
+      // A view of odd stride that starts at an odd address.
+      Bytes buffer = softmatte_test::RandomBytes(stride * 4 + 3, seed++);
+      const Bytes original = buffer;
+      FVTImage view;
+      view.Attach(buffer.data() + 3, width, 4, type, stride);
+      const FVTImage copy(view);
+      FVTImage assigned(2, 2, 0x111, 4);  // its old block must be released
+      assigned = view;
+      std::fill(buffer.begin(), buffer.end(), 0);
+      for (const FVTImage* c :
+           {&copy, static_cast<const FVTImage*>(&assigned)}) {
+        ASSERT_EQ(Of(*c),
+                  Fields(c->data, width, 4, PaddedRow(rowBytes, 4), type, 1));
+        for (int y = 0; y < 4; ++y)
+          ASSERT_EQ(std::memcmp(c->data + y * c->step,
+                                original.data() + 3 + y * stride, rowBytes),
+                    0)
+              << "type " << type << " width " << width << " row " << y;
+      }
+    }
+  }
+  EXPECT_EQ(FVTImage(5, 2, 0x311, 0).step, 0);
+  EXPECT_EQ(FVTImage(5, 2, 0x311, -1).step, 15);
+  // ResetIf keeps a same-shape view; any difference makes an owner with
+  // 4-byte rows.
+  Bytes caller(100, 0x33);
+  FVTImage view;
+  view.Attach(caller.data(), 6, 3, 0x111, 11);
+  view.ResetIf(6, 3, 0x111);
+  EXPECT_EQ(Of(view), Fields(caller.data(), 6, 3, 11, 0x111, 0));
+  view.ResetIf(5, 3, 0x311);
+  EXPECT_EQ(Of(view), Fields(view.data, 5, 3, 16, 0x311, 1));
+  EXPECT_EQ(std::count(caller.begin(), caller.end(), 0x33), 100);
+}
+
+TEST(FVTImage, AttachROIClipsToTheSourceAndKeepsTheOldFormatWhenEmpty) {
+  std::mt19937 rng(20261121);
+  for (int type : {0x111, 0x311, 0x223}) {
+    FVTImage src(13, 9, type, 4);
+    for (int trial = 0; trial < 400; ++trial) {
+      const int x = static_cast<int>(rng() % 23) - 5;
+      const int y = static_cast<int>(rng() % 19) - 5;
+      const int w = static_cast<int>(rng() % 22) - 3;
+      const int h = static_cast<int>(rng() % 18) - 3;
+      const int left = std::max(x, 0), top = std::max(y, 0);
+      const int right = std::min(x + w, src.width);
+      const int bottom = std::min(y + h, src.height);
+      const Fields want =
+          right <= left || bottom <= top
+              ? Fields(nullptr, 0, 0, 0, 0x145, 0)
+              : Fields(src.data + top * src.step + left * PixelBytes(type),
+                       right - left, bottom - top, src.step, type, 0);
+      // An owning image of another format: its block must be freed.
+      FVTImage view(3, 3, 0x145, 4);
+      view.AttachROI(src, ff::RectT<int>{x, y, w, h});
+      ASSERT_EQ(Of(view), want)
+          << "rect " << x << "," << y << " " << w << "x" << h;
+    }
+  }
+  FVTImage img(6, 5, 0x311, 4);
+  const Fields before = Of(img);
+  img.AttachROI(img, ff::RectT<int>{1, 1, 2, 2});
+  EXPECT_EQ(Of(img), before);
+}
+
+TEST(FVTImage, ReshapeRegroupsOnlyContiguousRowsThatDivideExactly) {
+  Bytes caller(200, 0);
+  unsigned char* p = caller.data();
+  FVTImage img;
+  img.Attach(p, 10, 2, 0x311, 32);
+  img.Reshape(0x111, 0);  // width from the row length
+  EXPECT_EQ(Of(img), Fields(p, 30, 2, 32, 0x111, 0));
+  img.Reshape(0x223, 0);  // 4 bytes a pixel: 30 / 4 truncates
+  EXPECT_EQ(img.width, 7);
+  img.Reshape(0, 0);  // no pixel size: width 0 rather than a division trap
+  EXPECT_EQ(img.width, 0);
+  img.Attach(p, 10, 2, 0x311, 32);
+  img.Reshape(0x123, 15);
+  EXPECT_EQ(Of(img), Fields(p, 15, 2, 32, 0x123, 0));
+  // 4 x 6 contiguous grey bytes make 4 rows of two colour pixels.
+  img.Attach(p, 4, 6, 0x111, 4);
+  img.Reshape(0x311, 2);
+  EXPECT_EQ(Of(img), Fields(p, 2, 4, 4, 0x311, 0));
+  // Padded rows cannot be regrouped, nor can 15-byte rows fill 24 bytes.
+  img.Attach(p, 4, 6, 0x111, 8);
+  img.Reshape(0x311, 2);
+  EXPECT_EQ(Of(img), Fields(p, 4, 6, 8, 0x111, 0));
+  img.Attach(p, 4, 6, 0x111, 4);
+  img.Reshape(0x311, 5);
+  EXPECT_EQ(Of(img), Fields(p, 4, 6, 4, 0x111, 0));
 }
 
 }  // namespace

@@ -1,0 +1,767 @@
+// The image-processing functions against naive versions written inside
+// the test, on random planes with odd sizes and padded rows.
+#include "softmatte/ff/ipf.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <random>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "test_util.h"
+
+namespace {
+
+using Bytes = std::vector<unsigned char>;
+using softmatte_test::kSentinel;
+using softmatte_test::PlaneMismatch;
+using softmatte_test::RandomPlane;
+
+constexpr int kIntSentinel = 0x5A5A5A5A;
+
+TEST(BoxFilters, SumCountAndMeanMatchBruteForce) {
+  // {width, height, channels, kw, kh}: one-pixel planes, windows larger than
+  // the plane, even sizes; the 301 window takes the double division.
+  const int cases[][5] = {
+      {1, 1, 1, 3, 3},    {1, 7, 1, 3, 5},    {9, 1, 3, 5, 3},
+      {13, 11, 3, 5, 7},  {33, 4, 1, 9, 3},   {6, 17, 2, 1, 11},
+      {11, 9, 1, 41, 41}, {10, 8, 3, 4, 6},   {15, 12, 1, 2, 3},
+      {21, 19, 4, 7, 1},  {5, 4, 1, 301, 301}};
+  const int borders[][4] = {{0, 0, 0, 0}, {1, 0, 2, 3},     {5, 5, 5, 5},
+                            {2, 9, 0, 1}, {20, 20, 20, 20}, {3, 1, 3, 1}};
+  const int m = 20;  // the caller's image reaches this far around the region
+  std::mt19937 rng(20240613);
+  for (const auto& k : cases) {
+    const int w = k[0], h = k[1], ch = k[2], kw = k[3], kh = k[4];
+    const int rowElems = w * ch, step = rowElems + 3, cstep = w + 2;
+    const int cw = (w + 2 * m) * ch, bstride = cw + 3, istride = cw + 2;
+    const auto bytes =
+        softmatte_test::RandomPlane(cw, h + 2 * m, bstride, rng());
+    // Full-range ints make sums wrap around 32 bits; the means take
+    // small ones, whose negative sums truncate towards zero.
+    std::vector<int> ints(static_cast<size_t>(istride) * (h + 2 * m));
+    for (int& v : ints) v = static_cast<int>(rng());
+    std::vector<int> small(ints);
+    for (int& v : small) v %= 70000;
+    const unsigned char* b0 = bytes.data() + m * bstride + m * ch;
+    const int* i0 = ints.data() + m * istride + m * ch;
+    const int* s0 = small.data() + m * istride + m * ch;
+    for (int bi = -1; bi < 6; ++bi) {
+      const int* border = bi < 0 ? nullptr : borders[bi];
+      SCOPED_TRACE(::testing::Message()
+                   << w << "x" << h << "x" << ch << " window " << kw << "x"
+                   << kh << " border " << border);
+      const auto side = [&](int i) { return border ? border[i] : 0; };
+      // The window is widened to odd sizes; the border lends up to half a
+      // window of real data on each side.
+      const int hx = kw / 2, hy = kh / 2;
+      const int x0 = -std::min(side(0), hx), y0 = -std::min(side(1), hy);
+      const int x1 = w + std::min(side(2), hx), y1 = h + std::min(side(3), hy);
+      const auto sum = [&](const auto* p, int s, int e, int y) {
+        const int x = e / ch, c = e % ch;
+        uint32_t total = 0;
+        for (int v = std::max(y - hy, y0); v <= std::min(y + hy, y1 - 1); ++v)
+          for (int u = std::max(x - hx, x0); u <= std::min(x + hx, x1 - 1); ++u)
+            total += static_cast<uint32_t>(p[v * s + u * ch + c]);
+        return static_cast<int>(total);
+      };
+      // kw * kh (even sizes too) when the border covers half a window on
+      // every side, else the window pixels on data.
+      const auto count = [&](int x, int y) {
+        if (side(0) >= hx && side(1) >= hy && side(2) >= hx && side(3) >= hy)
+          return kw * kh;
+        return (std::min(x + hx, x1 - 1) - std::max(x - hx, x0) + 1) *
+               (std::min(y + hy, y1 - 1) - std::max(y - hy, y0) + 1);
+      };
+      const auto mean = [&](int total, int e, int y) {
+        const int n = count(e / ch, y);  // never 0 here
+        return static_cast<int>((int64_t{total} + n / 2) / n);
+      };
+      int b[4];
+      const auto arg = [&]() -> int* {  // a fresh copy for every call
+        if (border) std::copy_n(border, 4, b);
+        return border ? b : nullptr;
+      };
+      const auto check = [&](const auto& got, int elems, int st, auto pad,
+                             auto want) {
+        EXPECT_EQ("", PlaneMismatch(got, elems, h, st, pad, want));
+      };
+      const auto byteSum = [&](int e, int y) { return sum(b0, bstride, e, y); };
+      const auto byteMean = [&](int e, int y) {
+        return mean(byteSum(e, y), e, y);
+      };
+      std::vector<int> out(static_cast<size_t>(step) * h, kIntSentinel);
+      ff::ipf_sum_filter(b0, w, h, bstride, ch, out.data(), step, kw, kh,
+                         arg());
+      check(out, rowElems, step, kIntSentinel, byteSum);
+      ff::ipf_sum_filter(i0, w, h, istride, ch, out.data(), step, kw, kh,
+                         arg());
+      check(out, rowElems, step, kIntSentinel,
+            [&](int e, int y) { return sum(i0, istride, e, y); });
+      std::vector<int> counts(static_cast<size_t>(cstep) * h, kIntSentinel);
+      ff::ipf_count_filter_pixels(counts.data(), w, h, cstep, kw, kh, arg());
+      check(counts, w, cstep, kIntSentinel, count);
+      // With their own count plane and with the caller's, which comes back
+      // filled.
+      for (bool own : {true, false}) {
+        std::fill(counts.begin(), counts.end(), kIntSentinel);
+        int* c = own ? nullptr : counts.data();
+        ff::ipf_mean_filter(b0, w, h, bstride, ch, out.data(), step, c, cstep,
+                            kw, kh, arg());
+        check(out, rowElems, step, kIntSentinel, byteMean);
+        ff::ipf_mean_filter(s0, w, h, istride, ch, out.data(), step, c, cstep,
+                            kw, kh, arg());
+        check(out, rowElems, step, kIntSentinel,
+              [&](int e, int y) { return mean(sum(s0, istride, e, y), e, y); });
+        std::vector<unsigned char> bout(out.size(), kSentinel);
+        ff::ipf_mean_filter(b0, w, h, bstride, ch, bout.data(), step, c, cstep,
+                            kw, kh, arg());
+        check(bout, rowElems, step, kSentinel, byteMean);
+        if (!own) check(counts, w, cstep, kIntSentinel, count);
+      }
+    }
+  }
+  // Null planes do nothing.
+  std::vector<int> dst(20, kIntSentinel);
+  ff::ipf_sum_filter(static_cast<const int*>(nullptr), 5, 4, 5, 1, dst.data(),
+                     5, 3, 3, nullptr);
+  ff::ipf_count_filter_pixels(nullptr, 5, 4, 5, 3, 3, nullptr);
+  ff::ipf_mean_filter(static_cast<const unsigned char*>(nullptr), 5, 4, 5, 1,
+                      dst.data(), 5, nullptr, 0, 3, 3, nullptr);
+  EXPECT_EQ(dst, std::vector<int>(20, kIntSentinel));
+}
+
+// The region grown by the border (each side clamped to 0 .. ksize), filtered
+// whole `iterations` times with the window clipped to it (outside counts as
+// 255 for the minimum, 0 for the maximum), then cut out at byte
+// (grown width) * top + left * channels: the row offset is deliberately not
+// scaled by the channel count.
+// Returns the cut plane and its row length.
+std::pair<std::vector<unsigned char>, int> Reference(
+    const unsigned char* region, int stride, int width, int height, int ch,
+    int ksize, int iterations, const int* border, bool isMin) {
+  int side[4] = {0, 0, 0, 0};
+  for (int i = 0; border && i < 4; ++i)
+    side[i] = std::clamp(border[i], 0, ksize);
+  const int w = side[0] + width + side[2], h = side[1] + height + side[3];
+  const int r = std::max(ksize, 0) / 2;
+  std::vector<unsigned char> big(static_cast<size_t>(w) * h * ch);
+  for (int y = 0; y < h; ++y) {
+    std::copy_n(
+        region + static_cast<ptrdiff_t>(y - side[1]) * stride - side[0] * ch,
+        w * ch, big.begin() + static_cast<size_t>(y) * w * ch);
+  }
+  for (int pass = 0; pass < std::max(iterations, 1); ++pass) {
+    std::vector<unsigned char> next(big.size());
+    for (int y = 0; y < h; ++y) {
+      for (int x = 0; x < w * ch; ++x) {
+        int best = isMin ? 255 : 0;
+        for (int v = std::max(y - r, 0); v <= std::min(y + r, h - 1); ++v) {
+          for (int u = std::max(x / ch - r, 0);
+               u <= std::min(x / ch + r, w - 1); ++u) {
+            const int value =
+                big[(static_cast<size_t>(v) * w + u) * ch + x % ch];
+            best = isMin ? std::min(best, value) : std::max(best, value);
+          }
+        }
+        next[static_cast<size_t>(y) * w * ch + x] =
+            static_cast<unsigned char>(best);
+      }
+    }
+    big.swap(next);
+  }
+  big.erase(big.begin(), big.begin() + w * side[1] + side[0] * ch);
+  return {big, w * ch};
+}
+
+TEST(MinMaxFilter, MatchesBruteForce) {
+  // {width, height, channels, ksize, iterations}: sizes around the 64 lines
+  // filtered side by side, one-pixel lines, even and oversized windows;
+  // iterations 0 and 1 both mean one pass.
+  const int cases[][5] = {
+      {1, 1, 1, 3, 1},    {1, 9, 1, 3, 1},    {9, 1, 1, 3, 1},
+      {13, 7, 1, 4, 1},   {13, 7, 3, 5, 0},   {17, 11, 3, 3, 2},
+      {70, 5, 1, 9, 1},   {5, 70, 1, 9, 1},   {131, 67, 1, 7, 2},
+      {67, 131, 3, 5, 1}, {29, 23, 1, 41, 1}, {23, 29, 3, 61, 3},
+      {3, 2, 1, 2, 1},    {8, 6, 1, 0, 1},    {33, 19, 2, 9, 4}};
+  // Borders beyond ksize are clamped, negative ones count as none.
+  const int borders[][4] = {
+      {1, 1, 1, 1}, {3, 0, 2, 5}, {12, 12, 12, 12}, {-4, 7, 0, -1}};
+  const int margin = 12;
+  uint32_t seed = 1;
+  for (const auto& k : cases) {
+    const int width = k[0], height = k[1], ch = k[2];
+    const int stride = (width + 2 * margin) * ch + 3;
+    const auto canvas = softmatte_test::RandomPlane(
+        (width + 2 * margin) * ch, height + 2 * margin, stride, ++seed);
+    const unsigned char* region =
+        canvas.data() + static_cast<size_t>(margin) * stride + margin * ch;
+    const int rowBytes = width * ch, dstStride = rowBytes + 5;
+    for (int bi = -1; bi < 4; ++bi) {
+      const int* border = bi < 0 ? nullptr : borders[bi];
+      // Oversized windows over the whole border would make this slow.
+      if (border && width * height > 2000) continue;
+      for (bool isMin : {true, false}) {
+        const auto filter = isMin ? ff::ipf_min_filter : ff::ipf_max_filter;
+        std::vector<unsigned char> dst(static_cast<size_t>(dstStride) * height,
+                                       kSentinel);
+        int b[4];
+        if (border) std::copy_n(border, 4, b);
+        filter(region, width, height, stride, ch, dst.data(), dstStride, k[3],
+               k[4], border ? b : nullptr);
+        const auto want = Reference(region, stride, width, height, ch, k[3],
+                                    k[4], border, isMin);
+        const auto at = [&](int x, int y) {
+          return want.first[y * want.second + x];
+        };
+        EXPECT_EQ(
+            "", PlaneMismatch(dst, rowBytes, height, dstStride, kSentinel, at))
+            << (isMin ? "min " : "max ") << width << "x" << height << "x" << ch
+            << " ksize " << k[3] << " iterations " << k[4] << " border "
+            << border;
+        if (border) continue;
+        // In place: the region's rows in dst's layout, filtered there.
+        for (int y = 0; y < height; ++y)
+          std::copy_n(region + y * stride, rowBytes, &dst[y * dstStride]);
+        filter(dst.data(), width, height, dstStride, ch, dst.data(), dstStride,
+               k[3], k[4], nullptr);
+        EXPECT_EQ(
+            "", PlaneMismatch(dst, rowBytes, height, dstStride, kSentinel, at))
+            << "in place";
+      }
+    }
+  }
+  // Null planes leave everything alone.
+  std::vector<unsigned char> dst(12, kSentinel);
+  ff::ipf_min_filter(nullptr, 4, 3, 4, 1, dst.data(), 4, 3, 1, nullptr);
+  ff::ipf_max_filter(dst.data(), 4, 3, 4, 1, nullptr, 4, 3, 1, nullptr);
+  EXPECT_EQ(dst, std::vector<unsigned char>(12, kSentinel));
+}
+
+constexpr int kLabelSentinel = 0x5A5A5A5A;
+
+// Flood fill from each unlabelled pixel in raster order: numbering by first
+// appearance falls out of the scan order, with no equivalence bookkeeping.
+std::vector<int> FloodFillLabels(const std::vector<unsigned char>& img,
+                                 int width, int height, int stride,
+                                 int* count) {
+  const int n = width * height;
+  std::vector<int> labels(n, -1), stack;
+  auto value = [&](int p) { return img[p / width * stride + p % width]; };
+  *count = 0;
+  for (int start = 0; start < n; ++start) {
+    if (labels[start] >= 0) continue;
+    labels[start] = *count;
+    stack.push_back(start);
+    while (!stack.empty()) {
+      const int p = stack.back();
+      stack.pop_back();
+      for (int q : {p - 1, p + 1, p - width, p + width}) {
+        // A step of one that wraps into another row is no neighbour.
+        if (q >= 0 && q < n &&
+            (q / width == p / width || q % width == p % width) &&
+            labels[q] < 0 && value(q) == value(p)) {
+          labels[q] = *count;
+          stack.push_back(q);
+        }
+      }
+    }
+    ++*count;
+  }
+  return labels;
+}
+
+TEST(ConnectedComponent, MatchesFloodFillOnRandomPlanes) {
+  std::mt19937 rng(20241121);  // fixed seed: a failure must replay
+  // Binary masks of several densities grow long, branching regions whose
+  // provisional labels must be merged; three levels make many small ones.
+  // The larger sizes reach merge chains joined far below their start.
+  struct Levels {
+    int count;
+    double on;
+  };
+  const int sizes[][2] = {{1, 1},  {1, 5},  {2, 2},   {3, 16},   {7, 31},
+                          {17, 5}, {33, 2}, {64, 16}, {201, 157}};
+  for (const Levels levels : {Levels{2, 0.5}, Levels{2, 0.1}, Levels{2, 0.6},
+                              Levels{3, 0.3}, Levels{1, 0.0}}) {
+    for (const auto& size : sizes) {
+      const int width = size[0], height = size[1];
+      const int stride = width + 3, labelStep = width + 5;
+      // The padding holds kSentinel, a value that never occurs inside.
+      std::vector<unsigned char> img(static_cast<size_t>(stride) * height,
+                                     softmatte_test::kSentinel);
+      std::bernoulli_distribution on(levels.on);
+      for (int y = 0; y < height; ++y) {
+        for (int x = 0; x < width; ++x) {
+          img[y * stride + x] =
+              static_cast<unsigned char>(levels.count == 3 ? rng() % 3
+                                         : on(rng)         ? 255
+                                                           : 0);
+        }
+      }
+      std::vector<int> labels(static_cast<size_t>(labelStep) * height,
+                              kLabelSentinel);
+      int wantCount = 0;
+      const std::vector<int> want =
+          FloodFillLabels(img, width, height, stride, &wantCount);
+      ASSERT_EQ(ff::ipf_connected_component(img.data(), width, height, stride,
+                                            labels.data(), labelStep),
+                wantCount)
+          << width << "x" << height;
+      for (int y = 0; y < height; ++y) {
+        for (int x = 0; x < labelStep; ++x) {
+          ASSERT_EQ(labels[y * labelStep + x],
+                    x < width ? want[y * width + x] : kLabelSentinel)
+              << width << "x" << height << " at (" << x << ", " << y << ")";
+        }
+      }
+    }
+  }
+  // Null planes: 0 components and nothing written.
+  int untouched[4] = {kLabelSentinel, kLabelSentinel, kLabelSentinel,
+                      kLabelSentinel};
+  const unsigned char plane[4] = {0, 255, 255, 0};
+  EXPECT_EQ(ff::ipf_connected_component(nullptr, 2, 2, 2, untouched, 2), 0);
+  EXPECT_EQ(ff::ipf_connected_component(plane, 2, 2, 2, nullptr, 2), 0);
+  for (int v : untouched) EXPECT_EQ(v, kLabelSentinel);
+}
+
+using Box = std::array<int, 4>;
+constexpr Box kUnwritten = {-77, -77, -77, -77};
+
+// The box, the box of differences and, on one-row planes, the range, each
+// against a visit of every pixel; then null arguments, which return false
+// and write no box (the range's ends become -1 on any failure).
+TEST(MaskRoi, BoxAndRangeMatchBruteForceOnSparsePlanes) {
+  std::mt19937 rng(1121);  // fixed seed: a failure must replay
+  for (int width : {1, 2, 5, 17, 40, 64}) {
+    for (int height : {1, 3, 8, 23}) {
+      for (int spots : {0, 1, 2, 5}) {
+        // Low noise (at most 10) with a few spots above it. The padding is
+        // kSentinel, above every threshold below: reading it widens a box.
+        const int sa = width + 7, sb = width + 10;
+        std::vector<unsigned char> a(static_cast<size_t>(sa) * height,
+                                     softmatte_test::kSentinel);
+        std::vector<unsigned char> b(static_cast<size_t>(sb) * height, 0);
+        for (int i = 0; i < width * height; ++i)
+          a[i / width * sa + i % width] = b[i / width * sb + i % width] =
+              static_cast<unsigned char>(rng() % 11);
+        for (int i = 0; i < spots; ++i) {
+          a[(rng() % height) * sa + rng() % width] = 11 + rng() % 245;
+          b[(rng() % height) * sb + rng() % width] ^= 1 + rng() % 255;
+        }
+        // -1 compares a with b instead: only pixels inside count, and the
+        // two paddings differ.
+        for (int threshold : {-1, 0, 5, 10, 100, 255}) {
+          Box want = {width, height, 0, 0};
+          for (int y = 0; y < height; ++y)
+            for (int x = 0; x < width; ++x)
+              if (threshold < 0 ? a[y * sa + x] != b[y * sb + x]
+                                : a[y * sa + x] > threshold)
+                want = {std::min(want[0], x), std::min(want[1], y),
+                        std::max(want[2], x + 1), std::max(want[3], y + 1)};
+          const bool found = want[2] > 0;
+          if (!found) want = {0, 0, 0, 0};
+          Box got = kUnwritten;
+          const auto t = static_cast<unsigned char>(threshold);
+          ASSERT_EQ(threshold < 0
+                        ? ff::ipf_get_mask_diff_roi(a.data(), width, height, sa,
+                                                    b.data(), sb, got.data())
+                        : ff::ipf_get_mask_roi(a.data(), width, height, sa,
+                                               got.data(), t),
+                    found)
+              << width << "x" << height << " threshold " << threshold;
+          ASSERT_EQ(got, want);
+          if (height > 1 || threshold != 100) continue;
+          // The range of the non-zero bytes: the spots of a over 100.
+          std::vector<unsigned char> row(a.begin(), a.begin() + width);
+          for (auto& v : row) v = v > 100 ? v : 0;
+          std::pair<int, int> range(3, 3);  // callers read both ends anyway
+          EXPECT_EQ(ff::ipf_get_mask_range(row.data(), width, range.first,
+                                           range.second),
+                    found);
+          EXPECT_EQ(range,
+                    found ? std::pair(want[0], want[2]) : std::pair(-1, -1));
+        }
+      }
+    }
+  }
+  const unsigned char plane[4] = {9, 9, 9, 9};
+  Box roi = kUnwritten;
+  EXPECT_FALSE(
+      ff::ipf_get_mask_roi(nullptr, 2, 2, 2, roi.data(), 0) ||
+      ff::ipf_get_mask_roi(plane, 2, 2, 2, nullptr, 0) ||
+      ff::ipf_get_mask_diff_roi(nullptr, 2, 2, 2, plane, 2, roi.data()) ||
+      ff::ipf_get_mask_diff_roi(plane, 2, 2, 2, nullptr, 2, roi.data()) ||
+      ff::ipf_get_mask_diff_roi(plane, 2, 2, 2, plane, 2, nullptr));
+  EXPECT_EQ(roi, kUnwritten);
+  std::pair<int, int> range(3, 3);
+  EXPECT_FALSE(ff::ipf_get_mask_range(nullptr, 6, range.first, range.second));
+  EXPECT_EQ(range, std::pair(-1, -1));
+}
+
+// Source index of each destination index, and for bilinear the weight of
+// the next one: i * srcLen / dstLen in float, no centring. Nearest rounds
+// half up; at or past the last source element nearest takes it and bilinear
+// the last pair with full weight on its right member.
+void Table(int srcLen, int dstLen, bool bl, std::vector<int>& idx,
+           std::vector<float>& frac) {
+  idx.assign(dstLen, 0);
+  frac.assign(dstLen, 0.0f);
+  const float scale = static_cast<float>(srcLen) / static_cast<float>(dstLen);
+  for (int i = 1; i < dstLen; ++i) {
+    const float s = scale * static_cast<float>(i);
+    idx[i] = static_cast<int>(bl ? s : static_cast<double>(s) + 0.5);
+    frac[i] = s - std::trunc(s);
+    if (idx[i] >= srcLen - 1) idx[i] = srcLen - 1 - bl, frac[i] = 1.0f;
+  }
+}
+
+TEST(Resize, NearestAndBilinearMatchReference) {
+  // {srcW, srcH, dstW, dstH}: shrinking, growing, identity, one side kept,
+  // single lines.
+  const int sizes[][4] = {{4, 3, 2, 2},    {2, 2, 7, 9},     {17, 13, 17, 13},
+                          {33, 9, 10, 31}, {31, 17, 13, 40}, {41, 29, 19, 23},
+                          {9, 5, 9, 11},   {12, 14, 5, 14},  {7, 1, 3, 4},
+                          {1, 5, 6, 2}};
+  // {channels, srcPix, dstPix}: whole pixels, one channel of a colour image,
+  // colour with a fourth byte that must stay untouched; sixteen channels and
+  // more take the wide bilinear path.
+  const int steps[][3] = {{1, 1, 1},    {3, 3, 3},    {1, 3, 3},
+                          {3, 4, 4},    {3, 3, 4},    {15, 15, 15},
+                          {16, 16, 16}, {16, 18, 17}, {35, 37, 36}};
+  uint32_t seed = 1;
+  std::vector<int> cols, rows;
+  std::vector<float> fx, fy;
+  for (const auto& s : sizes) {
+    for (const auto& p : steps) {
+      const int sw = s[0], sh = s[1], dw = s[2], dh = s[3];
+      const int ch = p[0], sp = p[1], dp = p[2], ss = sw * sp + 7;
+      const int ds = dw * dp + 3;
+      const auto src = RandomPlane(sw * sp, sh, ss, ++seed);
+      // Nearest copies 1 or 3 bytes; bilinear needs a pair each way.
+      for (bool bl : {false, true}) {
+        if (bl ? sw < 2 || sh < 2 : ch > 3) continue;
+        Table(sw, dw, bl, cols, fx);
+        Table(sh, dh, bl, rows, fy);
+        std::vector<unsigned char> dst(static_cast<size_t>(ds) * dh, kSentinel);
+        unsigned char* d = dst.data();
+        if (bl) {
+          ff::ipf_resize_bl(src.data(), sw, sh, ss, sp, d, dw, dh, ds, dp, ch);
+        } else if (ch == 1) {
+          ff::ipf_resize_nn(src.data(), sw, sh, ss, sp, d, dw, dh, ds, dp,
+                            ff::ccn<1>());
+        } else {
+          ff::ipf_resize_nn(src.data(), sw, sh, ss, sp, d, dw, dh, ds, dp,
+                            ff::ccn<3>());
+        }
+        // Bilinear: the four-neighbour blend per channel in float, truncated.
+        const auto want = [&](int x, int y) {
+          const int i = x / dp, c = x % dp;
+          const auto at = [&](int dx, int dy) {
+            return static_cast<float>(
+                src[(rows[y] + dy) * ss + (cols[i] + dx) * sp + c]);
+          };
+          if (c >= ch) return kSentinel;
+          if (!bl) return src[rows[y] * ss + cols[i] * sp + c];
+          const float top = fx[i] * (at(1, 0) - at(0, 0)) + at(0, 0);
+          const float bottom = fx[i] * (at(1, 1) - at(0, 1)) + at(0, 1);
+          return static_cast<unsigned char>(
+              static_cast<int>(top + fy[y] * (bottom - top)));
+        };
+        EXPECT_EQ("", PlaneMismatch(dst, dw * dp, dh, ds, kSentinel, want))
+            << (bl ? "bilinear " : "nearest ") << sw << "x" << sh << " -> "
+            << dw << "x" << dh << " pix " << ch << "/" << sp << "/" << dp;
+      }
+    }
+  }
+}
+
+TEST(Ipf, NeighbourOffsetsListTheWindowRowByRow) {
+  for (auto [rx, ry] : {std::pair{1, 1}, {2, 1}, {0, 2}, {3, 0}}) {
+    for (bool skip : {true, false}) {
+      std::vector<int> want;
+      for (int dy = -ry; dy <= ry; ++dy)
+        for (int dx = -rx; dx <= rx; ++dx)
+          if (!skip || dx || dy) want.push_back(dy * 100 + dx * 3);
+      std::vector<int> got(want.size() + 1, -1);
+      ff::ipf_calc_nbr_offset(rx, ry, 100, 3, got.data(), skip);
+      want.push_back(-1);
+      EXPECT_EQ(got, want) << rx << "x" << ry << " skip " << skip;
+    }
+  }
+}
+
+constexpr unsigned int kUnreached = 10000000;
+constexpr unsigned char kTarget = 7;
+constexpr unsigned char kWall = 3;
+using Dists = std::vector<unsigned int>;
+
+// Shortest chamfer path (100 a face, 141 an edge, 173 a corner step) from
+// any target voxel to each label-0 voxel through label-0 voxels only,
+// relaxed over every step until nothing changes.
+Dists ShortestPaths(const std::vector<unsigned char>& labels, int width,
+                    int height, int depth) {
+  Dists dist(labels.size(), kUnreached);
+  for (size_t i = 0; i < labels.size(); ++i)
+    dist[i] = labels[i] == kTarget ? 0 : kUnreached;
+  for (bool changed = true; changed;) {
+    changed = false;
+    for (size_t i = 0; i < labels.size(); ++i) {
+      const int x = int(i % width), y = int(i / width % height),
+                z = int(i / width / height);
+      for (int n = 0; n < 27; ++n) {
+        const int dx = n % 3 - 1, dy = n / 3 % 3 - 1, dz = n / 9 - 1;
+        const int nx = x + dx, ny = y + dy, nz = z + dz;
+        if (nx < 0 || ny < 0 || nz < 0 || nx >= width || ny >= height ||
+            nz >= depth)
+          continue;
+        const size_t j = (size_t(nz) * height + ny) * width + nx;
+        const unsigned int w =
+            100 + 41 * (std::abs(dx) + std::abs(dy) + std::abs(dz) - 1) -
+            9 * (dx && dy && dz);
+        if (labels[j] != 0 || j == i || dist[i] + w >= dist[j]) continue;
+        dist[j] = dist[i] + w;
+        changed = true;
+      }
+    }
+  }
+  return dist;
+}
+
+std::vector<unsigned char> RandomLabels(size_t count, int targetPct,
+                                        int wallPct, std::mt19937& rng) {
+  std::vector<unsigned char> labels(count);
+  for (auto& v : labels) {
+    const int r = int(rng() % 1000);
+    v = r < targetPct ? kTarget : r < targetPct + wallPct ? kWall : 0;
+  }
+  return labels;
+}
+
+// The 2-D transform on padded label, distance and nearest planes: returns
+// the distances and (x, y) of the nearest targets, packed, after checking
+// that no padding changed and that leaving out the nearest plane gives the
+// same distances.
+struct Run2d {
+  Dists dist;
+  std::vector<std::pair<int, int>> nearest;
+};
+
+Run2d Transform2d(const std::vector<unsigned char>& labels, int width,
+                  int height) {
+  const int ls = width + 3, ds = width + 2, ns = width + 5;
+  std::vector<unsigned char> padded(size_t(ls) * height, kTarget);
+  for (int y = 0; y < height; ++y)
+    std::copy_n(&labels[size_t(y) * width], width, &padded[size_t(y) * ls]);
+  Dists dist(size_t(ds) * height, 0xA5A5A5A5u), alone = dist;
+  std::vector<unsigned short> near(size_t(ns) * height * 2, 0xA5A5);
+  ff::dist_field* field = ff::ipf_create_distance_field_2d(width, height, 100);
+  EXPECT_EQ(ff::ipf_distance_transform_2d(
+                field, padded.data(), width, height, ls, kTarget, dist.data(),
+                ds, reinterpret_cast<unsigned short(*)[2]>(near.data()), ns),
+            -1);
+  ff::ipf_distance_transform_2d(field, padded.data(), width, height, ls,
+                                kTarget, alone.data(), ds, nullptr, 0);
+  ff::ipf_release_distance_field(field);
+  EXPECT_EQ(alone, dist);
+  Run2d out;
+  for (int y = 0; y < height; ++y) {
+    for (int x = 0; x < ns; ++x) {
+      const unsigned short* n = &near[(size_t(y) * ns + x) * 2];
+      if (x < width) {
+        out.dist.push_back(dist[size_t(y) * ds + x]);
+        out.nearest.push_back({n[0], n[1]});
+      } else {
+        EXPECT_TRUE(n[0] == 0xA5A5 && n[1] == 0xA5A5) << "nearest padding";
+        EXPECT_TRUE(x >= ds || dist[size_t(y) * ds + x] == 0xA5A5A5A5u)
+            << "distance padding";
+      }
+    }
+  }
+  return out;
+}
+
+TEST(DistanceField, CreateSetsGeometryAndTruncatedWeights) {
+  // 7 * 1.414 = 9.898 and 7 * 1.732 = 12.124 truncate, not round.
+  ff::dist_field* f2 = ff::ipf_create_distance_field_2d(31, 9, 7);
+  ff::dist_field* f3 = ff::ipf_create_distance_field_3d(4, 5, 6, 7);
+  EXPECT_EQ(
+      std::vector<int>({f2->width, f2->height, f2->depth, f2->neighbour_count,
+                        f2->flags, f3->width, f3->height, f3->depth,
+                        f3->neighbour_count, f3->flags}),
+      std::vector<int>({31, 9, 1, 8, 1, 4, 5, 6, 26, 1}));
+  EXPECT_EQ(std::vector<int>(f2->weights, f2->weights + 8),
+            (std::vector<int>{9, 7, 9, 7, 7, 9, 7, 9}));
+  EXPECT_EQ(std::vector<int>(f3->weights, f3->weights + 26),
+            (std::vector<int>{12, 9, 12, 9, 7,  9, 12, 9, 12, 9, 7,  9, 7,
+                              7,  9, 7,  9, 12, 9, 12, 9, 7,  9, 12, 9, 12}));
+  ff::ipf_release_distance_field(f2);
+  ff::ipf_release_distance_field(f3);
+  ff::ipf_release_distance_field(nullptr);
+}
+
+TEST(DistanceTransform2d, MatchesShortestPathsAndRespectsWalls) {
+  std::mt19937 rng(8006);
+  for (int width : {1, 2, 5, 17, 40}) {
+    for (int height : {1, 3, 16, 23}) {
+      for (auto [targets, walls] :
+           {std::pair{2, 0}, {30, 0}, {300, 0}, {10, 250}}) {
+        const auto labels =
+            RandomLabels(size_t(width) * height, targets, walls, rng);
+        const Dists want = ShortestPaths(labels, width, height, 1);
+        const Run2d got = Transform2d(labels, width, height);
+        for (int i = 0; i < width * height; ++i) {
+          const int x = i % width, y = i / width;
+          const auto [nx, ny] = got.nearest[i];
+          SCOPED_TRACE(testing::Message()
+                       << width << "x" << height << " walls " << walls
+                       << " at (" << x << ", " << y << ")");
+          // Without walls the four sweeps are exact; with walls they find
+          // real paths, not always the shortest, and what no path reaches
+          // (walls included) stays unreached.
+          ASSERT_EQ(got.dist[i], walls || want[i] == kUnreached
+                                     ? std::max(got.dist[i], want[i])
+                                     : want[i]);
+          ASSERT_TRUE(want[i] != kUnreached || got.dist[i] == kUnreached);
+          if (got.dist[i] == kUnreached) {
+            ASSERT_TRUE(nx == x && ny == y);
+            continue;
+          }
+          // The nearest target is one, no farther than a free straight line.
+          ASSERT_EQ(labels[size_t(ny) * width + nx], kTarget);
+          const int ax = std::abs(nx - x), ay = std::abs(ny - y);
+          const unsigned int line =
+              141u * std::min(ax, ay) +
+              100u * (std::max(ax, ay) - std::min(ax, ay));
+          ASSERT_EQ(got.dist[i], walls ? std::max(got.dist[i], line) : line);
+        }
+      }
+    }
+  }
+}
+
+TEST(DistanceTransform2d, EqualPathsKeepTheEarliestCandidate) {
+  // Targets at (0, 0) and (2, 0). (1, 1) is offered both at 141 within one
+  // sweep, (0, 0) first; (1, 0) gets 100 from (0, 0) in the first sweep and
+  // only an equal offer from (2, 0) later. Neither may switch.
+  const Run2d got = Transform2d({kTarget, 0, kTarget, 0, 0, 0}, 3, 2);
+  EXPECT_EQ(got.dist, (Dists{0, 100, 0, 100, 141, 100}));
+  EXPECT_EQ(got.nearest, (std::vector<std::pair<int, int>>{
+                             {0, 0}, {0, 0}, {2, 0}, {0, 0}, {0, 0}, {2, 0}}));
+  // Upside down the upper row is first reached by the bottom-up sweep, which
+  // lists (-1, 1) before (1, 1): (1, 0) takes the left target.
+  const Run2d up = Transform2d({0, 0, 0, kTarget, 0, kTarget}, 3, 2);
+  EXPECT_EQ(up.dist, (Dists{100, 141, 100, 0, 100, 0}));
+  EXPECT_EQ(up.nearest[1], std::make_pair(0, 1));
+  EXPECT_EQ(up.nearest[4], std::make_pair(0, 1));
+  EXPECT_EQ(up.nearest[2], std::make_pair(2, 1));
+}
+
+TEST(DistanceTransform, RejectsMismatchAndNullsWithoutWriting) {
+  std::vector<unsigned char> labels(27, 0);
+  labels[13] = kTarget;
+  Dists dist(27, 77);
+  ff::dist_field* flat = ff::ipf_create_distance_field_2d(6, 4, 100);
+  ff::dist_field* cube = ff::ipf_create_distance_field_3d(3, 3, 3, 100);
+  unsigned char* l = labels.data();
+  unsigned int* d = dist.data();
+  for (auto [field, lp, w, h, dp] :
+       {std::tuple{static_cast<ff::dist_field*>(nullptr), l, 6, 4, d},
+        {flat, l, 7, 4, d},
+        {flat, l, 6, 3, d},
+        {flat, nullptr, 6, 4, d},
+        {flat, l, 6, 4, nullptr}})
+    EXPECT_EQ(ff::ipf_distance_transform_2d(field, lp, w, h, 6, kTarget, dp, 6,
+                                            nullptr, 0),
+              -1);
+  ff::ipf_distance_transform_3d(cube, l, 3, 3, 2, kTarget, d, nullptr);
+  ff::ipf_distance_transform_3d(cube, nullptr, 3, 3, 3, kTarget, d, nullptr);
+  EXPECT_EQ(dist, Dists(27, 77));
+  // A 3-D field of the same width and height passes the checks but runs no
+  // 8-neighbour sweep: everything, targets too, comes out unreached.
+  ff::dist_field* volume = ff::ipf_create_distance_field_3d(6, 4, 1, 100);
+  ff::ipf_distance_transform_2d(volume, l, 6, 4, 6, kTarget, d, 6, nullptr, 0);
+  EXPECT_EQ(Dists(dist.begin(), dist.begin() + 24), Dists(24, kUnreached));
+  for (auto* f : {flat, cube, volume}) ff::ipf_release_distance_field(f);
+}
+
+TEST(DistanceTransform3d, MatchesShortestPathsAndRespectsWalls) {
+  std::mt19937 rng(8008);
+  for (auto [width, height, depth] :
+       {std::tuple{1, 1, 2}, {3, 3, 3}, {5, 3, 4}, {9, 7, 6}, {4, 11, 9}}) {
+    for (int walls : {0, 200}) {
+      const size_t count = size_t(width) * height * depth;
+      auto labels = RandomLabels(count, 20, walls, rng);
+      if (count == 27)
+        std::fill(labels.begin(), labels.end(), 0), labels[13] = kTarget;
+      const Dists want = ShortestPaths(labels, width, height, depth);
+      Dists dist(count, 1);
+      std::vector<unsigned short> near(count * 3, 0xA5A5);
+      ff::dist_field* field =
+          ff::ipf_create_distance_field_3d(width, height, depth, 100);
+      EXPECT_EQ(
+          ff::ipf_distance_transform_3d(
+              field, labels.data(), width, height, depth, kTarget, dist.data(),
+              reinterpret_cast<unsigned short(*)[3]>(near.data())),
+          -1);
+      ff::ipf_release_distance_field(field);
+      for (size_t i = 0; i < count; ++i) {
+        const int x = int(i % width), y = int(i / width % height),
+                  z = int(i / width / height);
+        SCOPED_TRACE(testing::Message()
+                     << x << "," << y << "," << z << " walls " << walls);
+        ASSERT_EQ(dist[i], walls ? std::max(dist[i], want[i]) : want[i]);
+        ASSERT_TRUE(want[i] != kUnreached || dist[i] == kUnreached);
+        const int nx = near[3 * i], ny = near[3 * i + 1], nz = near[3 * i + 2];
+        if (dist[i] == kUnreached || labels[i] == kTarget) {
+          ASSERT_TRUE(nx == x && ny == y && nz == z);
+        } else {
+          ASSERT_EQ(labels[(size_t(nz) * height + ny) * width + nx], kTarget);
+        }
+      }
+    }
+  }
+}
+
+using Triple = std::array<unsigned char, 3>;
+using Convert = void (*)(const unsigned char*, unsigned char*);
+
+// Expected triples come from a separate double-precision implementation of
+// the same formulas. Wraps: blue's b (-8 -> 248) and YUV -> BGR red 433 -> 177,
+// blue -226 -> 30, red -179 -> 77. {0, 15, 12} and Lab {10, 200, 60} take the
+// dark branch; white comes back as 247 because of the gamma curve's quirk.
+TEST(ColourConvert, MatchesIndependentReferenceIncludingWraps) {
+  const struct {
+    Convert f;
+    Triple in, out;
+  } cases[] = {
+      {ff::ipf_bgr2lab, {0, 0, 0}, {0, 128, 128}},
+      {ff::ipf_bgr2lab, {255, 255, 255}, {255, 128, 128}},
+      {ff::ipf_bgr2lab, {0, 15, 12}, {9, 124, 135}},
+      {ff::ipf_bgr2lab, {255, 0, 0}, {82, 228, 248}},
+      {ff::ipf_bgr2lab, {7, 130, 251}, {172, 181, 219}},
+      {ff::ipf_lab2bgr, {0, 128, 128}, {0, 0, 0}},
+      {ff::ipf_lab2bgr, {255, 128, 128}, {247, 247, 247}},
+      {ff::ipf_lab2bgr, {10, 200, 60}, {21, 10, 17}},
+      {ff::ipf_lab2bgr, {128, 0, 255}, {0, 144, 0}},
+      {ff::ipf_bgr2yuv, {90, 90, 90}, {90, 128, 128}},
+      {ff::ipf_bgr2yuv, {17, 203, 64}, {140, 58, 74}},
+      {ff::ipf_yuv2bgr, {255, 0, 255}, {28, 208, 177}},
+      {ff::ipf_yuv2bgr, {0, 0, 0}, {30, 136, 77}},
+  };
+  for (const auto& c : cases) {
+    Triple got{};
+    c.f(c.in.data(), got.data());
+    EXPECT_EQ(got, c.out) << "case " << &c - cases;
+  }
+}
+
+}  // namespace
