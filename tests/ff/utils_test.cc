@@ -24,84 +24,47 @@ using Bytes = std::vector<unsigned char>;
 using softmatte_test::RandomBytes;
 using softmatte_test::RandomPlane;
 
-// Copies, fills and flips against the byte loops above: contiguous rows on
-// both sides (the single-copy path), on one side only and padded on both;
-// 1 to 7 bytes a pixel, planes one byte into their buffers (2- and 4-byte
-// pixels off their alignment); flips also in place.
-TEST(PlaneHelpers, CopyFillAndFlipMatchByteLoops) {
+// Copies and fills against byte loops: contiguous rows on both sides (the
+// single-copy path), on one side only and padded on both, planes one byte
+// into their buffers. Buffers are random everywhere, padding, plane gaps and
+// tail included, and compared whole: a helper must leave every byte outside
+// its rows exactly as it was. The flips are checked through fiuFlip below.
+TEST(PlaneHelpers, CopyAndFillMatchByteLoops) {
   const unsigned char fill = 0xC3;  // above 127: no sign mangling
   uint32_t seed = 1;
-  for (int pb = 1; pb <= 7; ++pb)
-    for (int width : {1, 2, 5, 8, 17})
-      for (int rows : {1, 2, 3, 6})
-        for (int planes : {1, 3})
-          for (auto [sp, dp] : {std::pair{0, 0}, {0, 3}, {5, 0}, {3, 7}}) {
-            SCOPED_TRACE(testing::Message()
-                         << pb << " bytes, " << width << " x " << rows << " x "
-                         << planes << " pads " << sp << "/" << dp);
-            const int rb = width * pb, ss = rb + sp, ds = rb + dp;
-            // Gaps between planes of other sizes than the row padding; with
-            // one plane the gap is a tail that catches one row too many.
-            const int sPlane = ss * rows + 4, dPlane = ds * rows + 1;
-            const Bytes src = RandomBytes(size_t(sPlane) * planes + 1, seed++);
-            const Bytes dst = RandomBytes(size_t(dPlane) * planes + 1, seed++);
-            const auto from = [&](int x, int y, int p) {
-              return src[1 + size_t(p) * sPlane + y * ss + x];
-            };
-            Bytes got = dst, set = dst;
-            if (planes == 1) {
-              ff::ipf_memcpy_2d(&src[1], rb, rows, ss, &got[1], ds);
-              ff::ipf_memset_2d(&set[1], rb, rows, ds, static_cast<char>(fill));
-            } else {
-              ff::ipf_memcpy_3d(&src[1], rb, rows, planes, ss, sPlane, &got[1],
-                                ds, dPlane);
-              ff::ipf_memset_3d(&set[1], rb, rows, planes, ds, dPlane,
-                                static_cast<char>(fill));
-            }
-            // Buffers are random everywhere, padding, plane gaps and tail
-            // included, and compared whole: a helper must leave every byte
-            // outside its rows exactly as it was.
-            const auto shifted = [&](Bytes b, int stride, int step, auto f) {
-              for (int p = 0; p < planes; ++p)
-                for (int y = 0; y < rows; ++y)
-                  for (int x = 0; x < rb; ++x)
-                    b[1 + size_t(p) * step + y * stride + x] = f(x, y, p);
-              return b;
-            };
-            const Bytes copied = shifted(dst, ds, dPlane, from);
-            ASSERT_TRUE(got == copied) << "copy";
-            ASSERT_TRUE(set == shifted(dst, ds, dPlane,
-                                       [&](int, int, int) { return fill; }))
-                << "fill";
-            if (planes > 1) continue;
-            // The pixel copy takes its row length from element size times
-            // channel count.
-            for (int type : {0x111, 0x311, 0x223, 0x145}) {
-              const int pixel = ((type >> 4) & 15) * ((type >> 8) & 255);
-              if (rb % pixel != 0) continue;
-              Bytes pixels = dst;
-              ff::fiuCopy(&src[1], rb / pixel, rows, ss, type, &pixels[1], ds);
-              ASSERT_TRUE(pixels == copied) << "fiuCopy type " << type;
-            }
-            const auto vert = [&](int x, int y, int) {
-              return from(x, rows - 1 - y, 0);
-            };
-            const auto horz = [&](int x, int y, int) {
-              return from((width - 1 - x / pb) * pb + x % pb, y, 0);
-            };
-            got = dst;
-            ff::ipf_flip_vert(&src[1], rb, rows, ss, &got[1], ds);
-            ASSERT_TRUE(got == shifted(dst, ds, dPlane, vert)) << "vertical";
-            got = dst;
-            ff::ipf_flip_horz(&src[1], width, rows, ss, pb, &got[1], ds);
-            ASSERT_TRUE(got == shifted(dst, ds, dPlane, horz)) << "horizontal";
-            got = src;
-            ff::ipf_flip_vert(&got[1], rb, rows, ss);
-            ASSERT_TRUE(got == shifted(src, ss, sPlane, vert)) << "in place";
-            got = src;
-            ff::ipf_flip_horz(&got[1], width, rows, ss, pb);
-            ASSERT_TRUE(got == shifted(src, ss, sPlane, horz)) << "in place";
+  for (int rb : {1, 2, 5, 8, 17, 42})
+    for (int rows : {1, 2, 3, 6})
+      for (int planes : {1, 3})
+        for (auto [sp, dp] : {std::pair{0, 0}, {0, 3}, {5, 0}, {3, 7}}) {
+          SCOPED_TRACE(testing::Message()
+                       << rb << " x " << rows << " x " << planes << " pads "
+                       << sp << "/" << dp);
+          // Gaps between planes of other sizes than the row padding; with
+          // one plane the gap is a tail that catches one row too many.
+          const int ss = rb + sp, ds = rb + dp;
+          const int sPlane = ss * rows + 4, dPlane = ds * rows + 1;
+          const Bytes src = RandomBytes(size_t(sPlane) * planes + 1, seed++);
+          const Bytes dst = RandomBytes(size_t(dPlane) * planes + 1, seed++);
+          Bytes got = dst, set = dst, copied = dst, filled = dst;
+          for (int p = 0; p < planes; ++p)
+            for (int y = 0; y < rows; ++y)
+              for (int x = 0; x < rb; ++x) {
+                const size_t at = 1 + size_t(p) * dPlane + y * ds + x;
+                copied[at] = src[1 + size_t(p) * sPlane + y * ss + x];
+                filled[at] = fill;
+              }
+          if (planes == 1) {
+            ff::ipf_memcpy_2d(&src[1], rb, rows, ss, &got[1], ds);
+            ff::ipf_memset_2d(&set[1], rb, rows, ds, static_cast<char>(fill));
+          } else {
+            ff::ipf_memcpy_3d(&src[1], rb, rows, planes, ss, sPlane, &got[1],
+                              ds, dPlane);
+            ff::ipf_memset_3d(&set[1], rb, rows, planes, ds, dPlane,
+                              static_cast<char>(fill));
           }
+          ASSERT_TRUE(got == copied) << "copy";
+          ASSERT_TRUE(set == filled) << "fill";
+        }
   // Null planes and a bottom-up (negative) or zero stride in place do
   // nothing.
   const Bytes before = RandomBytes(64, 600);
@@ -182,6 +145,9 @@ TEST(FiuPlanes, MatchReferenceAndRoundTrip) {
       ASSERT_TRUE(dst == want) << "channel";
 
       const Bytes same = Expected(dst, ds, w, h, pb, pb, at);
+      Bytes copy = dst;
+      ASSERT_EQ(1, ff::fiuCopy(src.data(), w, h, ss, type, copy.data(), ds));
+      ASSERT_TRUE(copy == same) << "copy";
       for (int mode : {1, 2, 3}) {
         want = Expected(dst, ds, w, h, pb, pb, [&](int x, int y) {
           return at(mode & 1 ? w - 1 - x : x, mode & 2 ? h - 1 - y : y);
@@ -389,7 +355,7 @@ TEST(FVTImage, OwnersPadRowsAndCopiesOfViewsOwnTheirPixels) {
         std::memset(img.data, 0x5A, static_cast<size_t>(img.step) * 3);
       }
       // A view of odd stride that starts at an odd address.
-      Bytes buffer = softmatte_test::RandomBytes(stride * 4 + 3, seed++);
+      Bytes buffer = RandomBytes(stride * 4 + 3, seed++);
       const Bytes original = buffer;
       FVTImage view;
       view.Attach(buffer.data() + 3, width, 4, type, stride);
@@ -398,7 +364,7 @@ TEST(FVTImage, OwnersPadRowsAndCopiesOfViewsOwnTheirPixels) {
       assigned = view;
       std::fill(buffer.begin(), buffer.end(), 0);
       for (const FVTImage* c :
-           {&copy, static_cast<const FVTImage*>(&assigned)}) {
+           {&copy, const_cast<const FVTImage*>(&assigned)}) {
         ASSERT_EQ(Of(*c),
                   Fields(c->data, width, 4, PaddedRow(rowBytes, 4), type, 1));
         for (int y = 0; y < 4; ++y)
@@ -423,6 +389,9 @@ TEST(FVTImage, OwnersPadRowsAndCopiesOfViewsOwnTheirPixels) {
   EXPECT_EQ(std::count(caller.begin(), caller.end(), 0x33), 100);
 }
 
+// Rectangles in and around a 13 x 9 image become views clipped to it; an
+// empty one leaves an empty view of the old format. The owning image of
+// another format that takes the view must free its block.
 TEST(FVTImage, AttachROIClipsToTheSourceAndKeepsTheOldFormatWhenEmpty) {
   std::mt19937 rng(20261121);
   for (int type : {0x111, 0x311, 0x223}) {
@@ -433,14 +402,12 @@ TEST(FVTImage, AttachROIClipsToTheSourceAndKeepsTheOldFormatWhenEmpty) {
       const int w = static_cast<int>(rng() % 22) - 3;
       const int h = static_cast<int>(rng() % 18) - 3;
       const int left = std::max(x, 0), top = std::max(y, 0);
-      const int right = std::min(x + w, src.width);
-      const int bottom = std::min(y + h, src.height);
+      const int right = std::min(x + w, 13), bottom = std::min(y + h, 9);
       const Fields want =
           right <= left || bottom <= top
               ? Fields(nullptr, 0, 0, 0, 0x145, 0)
               : Fields(src.data + top * src.step + left * PixelBytes(type),
                        right - left, bottom - top, src.step, type, 0);
-      // An owning image of another format: its block must be freed.
       FVTImage view(3, 3, 0x145, 4);
       view.AttachROI(src, ff::RectT<int>{x, y, w, h});
       ASSERT_EQ(Of(view), want)
@@ -453,31 +420,27 @@ TEST(FVTImage, AttachROIClipsToTheSourceAndKeepsTheOldFormatWhenEmpty) {
   EXPECT_EQ(Of(img), before);
 }
 
+// Reshape regroups only contiguous rows that divide exactly; a width of 0
+// takes it from the row length (truncating), and no pixel size gives width
+// 0 rather than a division trap.
 TEST(FVTImage, ReshapeRegroupsOnlyContiguousRowsThatDivideExactly) {
+  // {width, height, type, step, new type, new width; width, height, step,
+  // type after}
+  const int cases[][10] = {{10, 2, 0x311, 32, 0x111, 0, 30, 2, 32, 0x111},
+                           {30, 2, 0x111, 32, 0x223, 0, 7, 2, 32, 0x223},
+                           {7, 2, 0x223, 32, 0, 0, 0, 2, 32, 0},
+                           {10, 2, 0x311, 32, 0x123, 15, 15, 2, 32, 0x123},
+                           {4, 6, 0x111, 4, 0x311, 2, 2, 4, 4, 0x311},
+                           {4, 6, 0x111, 8, 0x311, 2, 4, 6, 8, 0x111},
+                           {4, 6, 0x111, 4, 0x311, 5, 4, 6, 4, 0x111}};
   Bytes caller(200, 0);
-  unsigned char* p = caller.data();
-  FVTImage img;
-  img.Attach(p, 10, 2, 0x311, 32);
-  img.Reshape(0x111, 0);  // width from the row length
-  EXPECT_EQ(Of(img), Fields(p, 30, 2, 32, 0x111, 0));
-  img.Reshape(0x223, 0);  // 4 bytes a pixel: 30 / 4 truncates
-  EXPECT_EQ(img.width, 7);
-  img.Reshape(0, 0);  // no pixel size: width 0 rather than a division trap
-  EXPECT_EQ(img.width, 0);
-  img.Attach(p, 10, 2, 0x311, 32);
-  img.Reshape(0x123, 15);
-  EXPECT_EQ(Of(img), Fields(p, 15, 2, 32, 0x123, 0));
-  // 4 x 6 contiguous grey bytes make 4 rows of two colour pixels.
-  img.Attach(p, 4, 6, 0x111, 4);
-  img.Reshape(0x311, 2);
-  EXPECT_EQ(Of(img), Fields(p, 2, 4, 4, 0x311, 0));
-  // Padded rows cannot be regrouped, nor can 15-byte rows fill 24 bytes.
-  img.Attach(p, 4, 6, 0x111, 8);
-  img.Reshape(0x311, 2);
-  EXPECT_EQ(Of(img), Fields(p, 4, 6, 8, 0x111, 0));
-  img.Attach(p, 4, 6, 0x111, 4);
-  img.Reshape(0x311, 5);
-  EXPECT_EQ(Of(img), Fields(p, 4, 6, 4, 0x111, 0));
+  for (const auto& c : cases) {
+    FVTImage img;
+    img.Attach(caller.data(), c[0], c[1], c[2], c[3]);
+    img.Reshape(c[4], c[5]);
+    EXPECT_EQ(Of(img), Fields(caller.data(), c[6], c[7], c[8], c[9], 0))
+        << &c - cases;
+  }
 }
 
 }  // namespace
