@@ -26,38 +26,115 @@ using softmatte_test::RandomPlane;
 
 constexpr int kIntSentinel = 0x5A5A5A5A;
 
-TEST(BoxFilters, SumCountAndMeanMatchBruteForce) {
-  // {width, height, channels, kw, kh}: one-pixel planes, windows larger than
-  // the plane, even sizes; the 301 window takes the double division.
-  const int cases[][5] = {
-      {1, 1, 1, 3, 3},    {1, 7, 1, 3, 5},    {9, 1, 3, 5, 3},
-      {13, 11, 3, 5, 7},  {33, 4, 1, 9, 3},   {6, 17, 2, 1, 11},
-      {11, 9, 1, 41, 41}, {10, 8, 3, 4, 6},   {15, 12, 1, 2, 3},
-      {21, 19, 4, 7, 1},  {5, 4, 1, 301, 301}};
-  const int borders[][4] = {{0, 0, 0, 0}, {1, 0, 2, 3},     {5, 5, 5, 5},
-                            {2, 9, 0, 1}, {20, 20, 20, 20}, {3, 1, 3, 1}};
+// The min/max filters' reference: the region grown by the border (each side
+// clamped to 0 .. ksize), filtered whole `iterations` times with the window
+// clipped to it (outside counts as 255 for the minimum, 0 for the maximum),
+// then cut out at byte (grown width) * top + left * channels: the row offset
+// is deliberately not scaled by the channel count. Returns the cut plane and
+// its row length.
+std::pair<Bytes, int> MinMax(const unsigned char* region, int stride, int width,
+                             int height, int ch, int ksize, int iterations,
+                             const int* border, bool isMin) {
+  int side[4] = {0, 0, 0, 0};
+  for (int i = 0; border && i < 4; ++i)
+    side[i] = std::clamp(border[i], 0, ksize);
+  const int w = side[0] + width + side[2], h = side[1] + height + side[3];
+  const int r = std::max(ksize, 0) / 2;
+  Bytes big(size_t(w) * h * ch);
+  for (int y = 0; y < h; ++y)
+    std::copy_n(region + ptrdiff_t(y - side[1]) * stride - side[0] * ch, w * ch,
+                big.begin() + size_t(y) * w * ch);
+  for (int pass = 0; pass < std::max(iterations, 1); ++pass) {
+    Bytes next(big.size());
+    for (int y = 0; y < h; ++y)
+      for (int x = 0; x < w * ch; ++x) {
+        int best = isMin ? 255 : 0;
+        for (int v = std::max(y - r, 0); v <= std::min(y + r, h - 1); ++v)
+          for (int u = std::max(x / ch - r, 0);
+               u <= std::min(x / ch + r, w - 1); ++u) {
+            const int value = big[(size_t(v) * w + u) * ch + x % ch];
+            best = isMin ? std::min(best, value) : std::max(best, value);
+          }
+        next[size_t(y) * w * ch + x] = static_cast<unsigned char>(best);
+      }
+    big.swap(next);
+  }
+  big.erase(big.begin(), big.begin() + w * side[1] + side[0] * ch);
+  return {big, w * ch};
+}
+
+// Box sums, counts and means and min/max filters against brute force, on
+// regions inside a larger random image (border pixels come from it).
+// {width, height, channels, kw, kh, ksize, iterations}: one-pixel planes,
+// windows larger than the plane, even sizes (the 301 window takes the
+// double division of the means), sizes around the 64 lines the min/max
+// filters take side by side; iterations 0 and 1 both mean one pass.
+TEST(WindowFilters, MatchBruteForce) {
+  const int cases[][7] = {{1, 1, 1, 3, 3, 3, 1},     {1, 9, 1, 3, 5, 3, 1},
+                          {9, 1, 3, 5, 3, 3, 1},     {9, 1, 1, 9, 3, 3, 1},
+                          {13, 11, 3, 5, 7, 5, 0},   {13, 7, 1, 4, 6, 4, 1},
+                          {17, 11, 3, 9, 3, 3, 2},   {70, 5, 1, 1, 11, 9, 1},
+                          {5, 70, 1, 7, 1, 9, 1},    {131, 67, 1, 5, 7, 7, 2},
+                          {67, 131, 3, 2, 3, 5, 1},  {29, 23, 1, 41, 41, 41, 1},
+                          {23, 29, 3, 7, 1, 61, 3},  {3, 2, 1, 2, 3, 2, 1},
+                          {8, 6, 1, 301, 301, 0, 1}, {33, 19, 2, 9, 3, 9, 4},
+                          {21, 19, 4, 7, 1, 3, 1},   {10, 8, 3, 4, 6, 3, 1},
+                          {6, 17, 2, 1, 11, 1, 1},   {5, 4, 1, 301, 301, 7, 1}};
+  // Box filters lend up to half a window of each border and take all but
+  // the last; min/max filters clamp it to ksize, count negative sides as
+  // none and take the last five.
+  const int borders[][4] = {{0, 0, 0, 0},     {5, 5, 5, 5},  {20, 20, 20, 20},
+                            {1, 0, 2, 3},     {2, 9, 0, 1},  {3, 1, 3, 1},
+                            {12, 12, 12, 12}, {-4, 7, 0, -1}};
   const int m = 20;  // the caller's image reaches this far around the region
   std::mt19937 rng(20240613);
   for (const auto& k : cases) {
     const int w = k[0], h = k[1], ch = k[2], kw = k[3], kh = k[4];
-    const int rowElems = w * ch, step = rowElems + 3, cstep = w + 2;
-    const int cw = (w + 2 * m) * ch, bstride = cw + 3, istride = cw + 2;
-    const auto bytes =
-        softmatte_test::RandomPlane(cw, h + 2 * m, bstride, rng());
+    const int elems = w * ch, step = elems + 3, cstep = w + 2;
+    const int cw = (w + 2 * m) * ch, bs = cw + 3, is = cw + 2;
+    const auto bytes = RandomPlane(cw, h + 2 * m, bs, rng());
     // Full-range ints make sums wrap around 32 bits; the means take
     // small ones, whose negative sums truncate towards zero.
-    std::vector<int> ints(static_cast<size_t>(istride) * (h + 2 * m));
-    for (int& v : ints) v = static_cast<int>(rng());
-    std::vector<int> small(ints);
-    for (int& v : small) v %= 70000;
-    const unsigned char* b0 = bytes.data() + m * bstride + m * ch;
-    const int* i0 = ints.data() + m * istride + m * ch;
-    const int* s0 = small.data() + m * istride + m * ch;
-    for (int bi = -1; bi < 6; ++bi) {
+    std::vector<int> ints(size_t(is) * (h + 2 * m)), small(ints.size());
+    for (size_t i = 0; i < ints.size(); ++i)
+      ints[i] = static_cast<int>(rng()), small[i] = ints[i] % 70000;
+    const unsigned char* b0 = bytes.data() + m * bs + m * ch;
+    const int* i0 = ints.data() + m * is + m * ch;
+    const int* s0 = small.data() + m * is + m * ch;
+    // Oversized windows over the whole border would make this slow.
+    for (int bi = -1; bi < (w * h > 2000 ? 0 : 8); ++bi) {
       const int* border = bi < 0 ? nullptr : borders[bi];
       SCOPED_TRACE(::testing::Message()
                    << w << "x" << h << "x" << ch << " window " << kw << "x"
-                   << kh << " border " << border);
+                   << kh << " ksize " << k[5] << " border " << bi);
+      int b[4];
+      const auto arg = [&]() -> int* {  // a fresh copy for every call
+        if (border) std::copy_n(border, 4, b);
+        return border ? b : nullptr;
+      };
+      const auto check = [&](const auto& got, int n, int st, auto pad,
+                             auto want) {
+        EXPECT_EQ("", PlaneMismatch(got, n, h, st, pad, want));
+      };
+      for (bool isMin : {true, false}) {
+        if (bi >= 0 && bi < 3) break;
+        const auto filter = isMin ? ff::ipf_min_filter : ff::ipf_max_filter;
+        const auto want = MinMax(b0, bs, w, h, ch, k[5], k[6], border, isMin);
+        const auto at = [&](int x, int y) {
+          return want.first[y * want.second + x];
+        };
+        Bytes dst(size_t(step) * h, kSentinel);
+        filter(b0, w, h, bs, ch, dst.data(), step, k[5], k[6], arg());
+        check(dst, elems, step, kSentinel, at);
+        if (border) continue;
+        // In place: the region's rows in dst's layout, filtered there.
+        for (int y = 0; y < h; ++y)
+          std::copy_n(b0 + y * bs, elems, &dst[y * step]);
+        filter(dst.data(), w, h, step, ch, dst.data(), step, k[5], k[6],
+               nullptr);
+        check(dst, elems, step, kSentinel, at);
+      }
+      if (bi == 7) continue;
       const auto side = [&](int i) { return border ? border[i] : 0; };
       // The window is widened to odd sizes; the border lends up to half a
       // window of real data on each side.
@@ -65,11 +142,11 @@ TEST(BoxFilters, SumCountAndMeanMatchBruteForce) {
       const int x0 = -std::min(side(0), hx), y0 = -std::min(side(1), hy);
       const int x1 = w + std::min(side(2), hx), y1 = h + std::min(side(3), hy);
       const auto sum = [&](const auto* p, int s, int e, int y) {
-        const int x = e / ch, c = e % ch;
         uint32_t total = 0;
         for (int v = std::max(y - hy, y0); v <= std::min(y + hy, y1 - 1); ++v)
-          for (int u = std::max(x - hx, x0); u <= std::min(x + hx, x1 - 1); ++u)
-            total += static_cast<uint32_t>(p[v * s + u * ch + c]);
+          for (int u = std::max(e / ch - hx, x0);
+               u <= std::min(e / ch + hx, x1 - 1); ++u)
+            total += static_cast<uint32_t>(p[v * s + u * ch + e % ch]);
         return static_cast<int>(total);
       };
       // kw * kh (even sizes too) when the border covers half a window on
@@ -80,32 +157,20 @@ TEST(BoxFilters, SumCountAndMeanMatchBruteForce) {
         return (std::min(x + hx, x1 - 1) - std::max(x - hx, x0) + 1) *
                (std::min(y + hy, y1 - 1) - std::max(y - hy, y0) + 1);
       };
-      const auto mean = [&](int total, int e, int y) {
-        const int n = count(e / ch, y);  // never 0 here
-        return static_cast<int>((int64_t{total} + n / 2) / n);
+      const auto mean = [&](const auto* p, int s) {
+        return [&, p, s](int e, int y) {
+          const int n = count(e / ch, y);  // never 0 here
+          return static_cast<int>((int64_t{sum(p, s, e, y)} + n / 2) / n);
+        };
       };
-      int b[4];
-      const auto arg = [&]() -> int* {  // a fresh copy for every call
-        if (border) std::copy_n(border, 4, b);
-        return border ? b : nullptr;
-      };
-      const auto check = [&](const auto& got, int elems, int st, auto pad,
-                             auto want) {
-        EXPECT_EQ("", PlaneMismatch(got, elems, h, st, pad, want));
-      };
-      const auto byteSum = [&](int e, int y) { return sum(b0, bstride, e, y); };
-      const auto byteMean = [&](int e, int y) {
-        return mean(byteSum(e, y), e, y);
-      };
-      std::vector<int> out(static_cast<size_t>(step) * h, kIntSentinel);
-      ff::ipf_sum_filter(b0, w, h, bstride, ch, out.data(), step, kw, kh,
-                         arg());
-      check(out, rowElems, step, kIntSentinel, byteSum);
-      ff::ipf_sum_filter(i0, w, h, istride, ch, out.data(), step, kw, kh,
-                         arg());
-      check(out, rowElems, step, kIntSentinel,
-            [&](int e, int y) { return sum(i0, istride, e, y); });
-      std::vector<int> counts(static_cast<size_t>(cstep) * h, kIntSentinel);
+      std::vector<int> out(size_t(step) * h, kIntSentinel);
+      ff::ipf_sum_filter(b0, w, h, bs, ch, out.data(), step, kw, kh, arg());
+      check(out, elems, step, kIntSentinel,
+            [&](int e, int y) { return sum(b0, bs, e, y); });
+      ff::ipf_sum_filter(i0, w, h, is, ch, out.data(), step, kw, kh, arg());
+      check(out, elems, step, kIntSentinel,
+            [&](int e, int y) { return sum(i0, is, e, y); });
+      std::vector<int> counts(size_t(cstep) * h, kIntSentinel);
       ff::ipf_count_filter_pixels(counts.data(), w, h, cstep, kw, kh, arg());
       check(counts, w, cstep, kIntSentinel, count);
       // With their own count plane and with the caller's, which comes back
@@ -113,17 +178,16 @@ TEST(BoxFilters, SumCountAndMeanMatchBruteForce) {
       for (bool own : {true, false}) {
         std::fill(counts.begin(), counts.end(), kIntSentinel);
         int* c = own ? nullptr : counts.data();
-        ff::ipf_mean_filter(b0, w, h, bstride, ch, out.data(), step, c, cstep,
-                            kw, kh, arg());
-        check(out, rowElems, step, kIntSentinel, byteMean);
-        ff::ipf_mean_filter(s0, w, h, istride, ch, out.data(), step, c, cstep,
-                            kw, kh, arg());
-        check(out, rowElems, step, kIntSentinel,
-              [&](int e, int y) { return mean(sum(s0, istride, e, y), e, y); });
-        std::vector<unsigned char> bout(out.size(), kSentinel);
-        ff::ipf_mean_filter(b0, w, h, bstride, ch, bout.data(), step, c, cstep,
-                            kw, kh, arg());
-        check(bout, rowElems, step, kSentinel, byteMean);
+        ff::ipf_mean_filter(b0, w, h, bs, ch, out.data(), step, c, cstep, kw,
+                            kh, arg());
+        check(out, elems, step, kIntSentinel, mean(b0, bs));
+        ff::ipf_mean_filter(s0, w, h, is, ch, out.data(), step, c, cstep, kw,
+                            kh, arg());
+        check(out, elems, step, kIntSentinel, mean(s0, is));
+        Bytes bout(out.size(), kSentinel);
+        ff::ipf_mean_filter(b0, w, h, bs, ch, bout.data(), step, c, cstep, kw,
+                            kh, arg());
+        check(bout, elems, step, kSentinel, mean(b0, bs));
         if (!own) check(counts, w, cstep, kIntSentinel, count);
       }
     }
@@ -135,202 +199,75 @@ TEST(BoxFilters, SumCountAndMeanMatchBruteForce) {
   ff::ipf_count_filter_pixels(nullptr, 5, 4, 5, 3, 3, nullptr);
   ff::ipf_mean_filter(static_cast<const unsigned char*>(nullptr), 5, 4, 5, 1,
                       dst.data(), 5, nullptr, 0, 3, 3, nullptr);
+  Bytes bytes(12, kSentinel);
+  ff::ipf_min_filter(nullptr, 4, 3, 4, 1, bytes.data(), 4, 3, 1, nullptr);
+  ff::ipf_max_filter(bytes.data(), 4, 3, 4, 1, nullptr, 4, 3, 1, nullptr);
   EXPECT_EQ(dst, std::vector<int>(20, kIntSentinel));
+  EXPECT_EQ(bytes, Bytes(12, kSentinel));
 }
-
-// The region grown by the border (each side clamped to 0 .. ksize), filtered
-// whole `iterations` times with the window clipped to it (outside counts as
-// 255 for the minimum, 0 for the maximum), then cut out at byte
-// (grown width) * top + left * channels: the row offset is deliberately not
-// scaled by the channel count.
-// Returns the cut plane and its row length.
-std::pair<std::vector<unsigned char>, int> Reference(
-    const unsigned char* region, int stride, int width, int height, int ch,
-    int ksize, int iterations, const int* border, bool isMin) {
-  int side[4] = {0, 0, 0, 0};
-  for (int i = 0; border && i < 4; ++i)
-    side[i] = std::clamp(border[i], 0, ksize);
-  const int w = side[0] + width + side[2], h = side[1] + height + side[3];
-  const int r = std::max(ksize, 0) / 2;
-  std::vector<unsigned char> big(static_cast<size_t>(w) * h * ch);
-  for (int y = 0; y < h; ++y) {
-    std::copy_n(
-        region + static_cast<ptrdiff_t>(y - side[1]) * stride - side[0] * ch,
-        w * ch, big.begin() + static_cast<size_t>(y) * w * ch);
-  }
-  for (int pass = 0; pass < std::max(iterations, 1); ++pass) {
-    std::vector<unsigned char> next(big.size());
-    for (int y = 0; y < h; ++y) {
-      for (int x = 0; x < w * ch; ++x) {
-        int best = isMin ? 255 : 0;
-        for (int v = std::max(y - r, 0); v <= std::min(y + r, h - 1); ++v) {
-          for (int u = std::max(x / ch - r, 0);
-               u <= std::min(x / ch + r, w - 1); ++u) {
-            const int value =
-                big[(static_cast<size_t>(v) * w + u) * ch + x % ch];
-            best = isMin ? std::min(best, value) : std::max(best, value);
-          }
-        }
-        next[static_cast<size_t>(y) * w * ch + x] =
-            static_cast<unsigned char>(best);
-      }
-    }
-    big.swap(next);
-  }
-  big.erase(big.begin(), big.begin() + w * side[1] + side[0] * ch);
-  return {big, w * ch};
-}
-
-TEST(MinMaxFilter, MatchesBruteForce) {
-  // {width, height, channels, ksize, iterations}: sizes around the 64 lines
-  // filtered side by side, one-pixel lines, even and oversized windows;
-  // iterations 0 and 1 both mean one pass.
-  const int cases[][5] = {
-      {1, 1, 1, 3, 1},    {1, 9, 1, 3, 1},    {9, 1, 1, 3, 1},
-      {13, 7, 1, 4, 1},   {13, 7, 3, 5, 0},   {17, 11, 3, 3, 2},
-      {70, 5, 1, 9, 1},   {5, 70, 1, 9, 1},   {131, 67, 1, 7, 2},
-      {67, 131, 3, 5, 1}, {29, 23, 1, 41, 1}, {23, 29, 3, 61, 3},
-      {3, 2, 1, 2, 1},    {8, 6, 1, 0, 1},    {33, 19, 2, 9, 4}};
-  // Borders beyond ksize are clamped, negative ones count as none.
-  const int borders[][4] = {
-      {1, 1, 1, 1}, {3, 0, 2, 5}, {12, 12, 12, 12}, {-4, 7, 0, -1}};
-  const int margin = 12;
-  uint32_t seed = 1;
-  for (const auto& k : cases) {
-    const int width = k[0], height = k[1], ch = k[2];
-    const int stride = (width + 2 * margin) * ch + 3;
-    const auto canvas = softmatte_test::RandomPlane(
-        (width + 2 * margin) * ch, height + 2 * margin, stride, ++seed);
-    const unsigned char* region =
-        canvas.data() + static_cast<size_t>(margin) * stride + margin * ch;
-    const int rowBytes = width * ch, dstStride = rowBytes + 5;
-    for (int bi = -1; bi < 4; ++bi) {
-      const int* border = bi < 0 ? nullptr : borders[bi];
-      // Oversized windows over the whole border would make this slow.
-      if (border && width * height > 2000) continue;
-      for (bool isMin : {true, false}) {
-        const auto filter = isMin ? ff::ipf_min_filter : ff::ipf_max_filter;
-        std::vector<unsigned char> dst(static_cast<size_t>(dstStride) * height,
-                                       kSentinel);
-        int b[4];
-        if (border) std::copy_n(border, 4, b);
-        filter(region, width, height, stride, ch, dst.data(), dstStride, k[3],
-               k[4], border ? b : nullptr);
-        const auto want = Reference(region, stride, width, height, ch, k[3],
-                                    k[4], border, isMin);
-        const auto at = [&](int x, int y) {
-          return want.first[y * want.second + x];
-        };
-        EXPECT_EQ(
-            "", PlaneMismatch(dst, rowBytes, height, dstStride, kSentinel, at))
-            << (isMin ? "min " : "max ") << width << "x" << height << "x" << ch
-            << " ksize " << k[3] << " iterations " << k[4] << " border "
-            << border;
-        if (border) continue;
-        // In place: the region's rows in dst's layout, filtered there.
-        for (int y = 0; y < height; ++y)
-          std::copy_n(region + y * stride, rowBytes, &dst[y * dstStride]);
-        filter(dst.data(), width, height, dstStride, ch, dst.data(), dstStride,
-               k[3], k[4], nullptr);
-        EXPECT_EQ(
-            "", PlaneMismatch(dst, rowBytes, height, dstStride, kSentinel, at))
-            << "in place";
-      }
-    }
-  }
-  // Null planes leave everything alone.
-  std::vector<unsigned char> dst(12, kSentinel);
-  ff::ipf_min_filter(nullptr, 4, 3, 4, 1, dst.data(), 4, 3, 1, nullptr);
-  ff::ipf_max_filter(dst.data(), 4, 3, 4, 1, nullptr, 4, 3, 1, nullptr);
-  EXPECT_EQ(dst, std::vector<unsigned char>(12, kSentinel));
-}
-
-constexpr int kLabelSentinel = 0x5A5A5A5A;
 
 // Flood fill from each unlabelled pixel in raster order: numbering by first
 // appearance falls out of the scan order, with no equivalence bookkeeping.
-std::vector<int> FloodFillLabels(const std::vector<unsigned char>& img,
-                                 int width, int height, int stride,
-                                 int* count) {
+std::vector<int> FloodFillLabels(const Bytes& img, int width, int height,
+                                 int stride, int* count) {
   const int n = width * height;
   std::vector<int> labels(n, -1), stack;
   auto value = [&](int p) { return img[p / width * stride + p % width]; };
-  *count = 0;
-  for (int start = 0; start < n; ++start) {
+  for (int start = *count = 0; start < n; ++start) {
     if (labels[start] >= 0) continue;
     labels[start] = *count;
-    stack.push_back(start);
-    while (!stack.empty()) {
+    for (stack.push_back(start); !stack.empty();) {
       const int p = stack.back();
       stack.pop_back();
-      for (int q : {p - 1, p + 1, p - width, p + width}) {
-        // A step of one that wraps into another row is no neighbour.
+      // A step of one that wraps into another row is no neighbour.
+      for (int q : {p - 1, p + 1, p - width, p + width})
         if (q >= 0 && q < n &&
             (q / width == p / width || q % width == p % width) &&
-            labels[q] < 0 && value(q) == value(p)) {
-          labels[q] = *count;
-          stack.push_back(q);
-        }
-      }
+            labels[q] < 0 && value(q) == value(p))
+          labels[q] = *count, stack.push_back(q);
     }
     ++*count;
   }
   return labels;
 }
 
+// Binary masks of several densities grow long, branching regions whose
+// provisional labels must be merged; three levels make many small ones. The
+// larger sizes reach merge chains joined far below their start. The padding
+// holds kSentinel, a value that never occurs inside.
 TEST(ConnectedComponent, MatchesFloodFillOnRandomPlanes) {
-  std::mt19937 rng(20241121);  // fixed seed: a failure must replay
-  // Binary masks of several densities grow long, branching regions whose
-  // provisional labels must be merged; three levels make many small ones.
-  // The larger sizes reach merge chains joined far below their start.
-  struct Levels {
-    int count;
-    double on;
-  };
+  std::mt19937 rng(20241121);
   const int sizes[][2] = {{1, 1},  {1, 5},  {2, 2},   {3, 16},   {7, 31},
                           {17, 5}, {33, 2}, {64, 16}, {201, 157}};
-  for (const Levels levels : {Levels{2, 0.5}, Levels{2, 0.1}, Levels{2, 0.6},
-                              Levels{3, 0.3}, Levels{1, 0.0}}) {
+  for (auto [levels, on] :
+       {std::pair{2, 0.5}, {2, 0.1}, {2, 0.6}, {3, 0.3}, {1, 0.0}}) {
     for (const auto& size : sizes) {
-      const int width = size[0], height = size[1];
-      const int stride = width + 3, labelStep = width + 5;
-      // The padding holds kSentinel, a value that never occurs inside.
-      std::vector<unsigned char> img(static_cast<size_t>(stride) * height,
-                                     softmatte_test::kSentinel);
-      std::bernoulli_distribution on(levels.on);
-      for (int y = 0; y < height; ++y) {
-        for (int x = 0; x < width; ++x) {
-          img[y * stride + x] =
-              static_cast<unsigned char>(levels.count == 3 ? rng() % 3
-                                         : on(rng)         ? 255
-                                                           : 0);
-        }
-      }
-      std::vector<int> labels(static_cast<size_t>(labelStep) * height,
-                              kLabelSentinel);
-      int wantCount = 0;
-      const std::vector<int> want =
-          FloodFillLabels(img, width, height, stride, &wantCount);
-      ASSERT_EQ(ff::ipf_connected_component(img.data(), width, height, stride,
-                                            labels.data(), labelStep),
-                wantCount)
+      const int width = size[0], height = size[1], ls = width + 5;
+      Bytes img(size_t(width + 3) * height, kSentinel);
+      std::bernoulli_distribution bit(on);
+      for (int i = 0; i < width * height; ++i)
+        img[i / width * (width + 3) + i % width] = levels == 3 ? rng() % 3
+                                                   : bit(rng)  ? 255
+                                                               : 0;
+      std::vector<int> labels(size_t(ls) * height, kIntSentinel);
+      int count = 0;
+      const auto want = FloodFillLabels(img, width, height, width + 3, &count);
+      ASSERT_EQ(ff::ipf_connected_component(img.data(), width, height,
+                                            width + 3, labels.data(), ls),
+                count)
           << width << "x" << height;
-      for (int y = 0; y < height; ++y) {
-        for (int x = 0; x < labelStep; ++x) {
-          ASSERT_EQ(labels[y * labelStep + x],
-                    x < width ? want[y * width + x] : kLabelSentinel)
-              << width << "x" << height << " at (" << x << ", " << y << ")";
-        }
-      }
+      ASSERT_EQ(
+          "", PlaneMismatch(labels, width, height, ls, kIntSentinel,
+                            [&](int x, int y) { return want[y * width + x]; }))
+          << width << "x" << height;
     }
   }
   // Null planes: 0 components and nothing written.
-  int untouched[4] = {kLabelSentinel, kLabelSentinel, kLabelSentinel,
-                      kLabelSentinel};
+  int untouched[4] = {kIntSentinel, kIntSentinel, kIntSentinel, kIntSentinel};
   const unsigned char plane[4] = {0, 255, 255, 0};
   EXPECT_EQ(ff::ipf_connected_component(nullptr, 2, 2, 2, untouched, 2), 0);
   EXPECT_EQ(ff::ipf_connected_component(plane, 2, 2, 2, nullptr, 2), 0);
-  for (int v : untouched) EXPECT_EQ(v, kLabelSentinel);
+  for (int v : untouched) EXPECT_EQ(v, kIntSentinel);
 }
 
 using Box = std::array<int, 4>;
@@ -338,18 +275,16 @@ constexpr Box kUnwritten = {-77, -77, -77, -77};
 
 // The box, the box of differences and, on one-row planes, the range, each
 // against a visit of every pixel; then null arguments, which return false
-// and write no box (the range's ends become -1 on any failure).
+// and write no box (the range's ends become -1 on any failure). Low noise
+// (at most 10) with a few spots above it; the padding of a is kSentinel,
+// above every threshold below: reading it widens a box.
 TEST(MaskRoi, BoxAndRangeMatchBruteForceOnSparsePlanes) {
-  std::mt19937 rng(1121);  // fixed seed: a failure must replay
+  std::mt19937 rng(1121);
   for (int width : {1, 2, 5, 17, 40, 64}) {
     for (int height : {1, 3, 8, 23}) {
       for (int spots : {0, 1, 2, 5}) {
-        // Low noise (at most 10) with a few spots above it. The padding is
-        // kSentinel, above every threshold below: reading it widens a box.
         const int sa = width + 7, sb = width + 10;
-        std::vector<unsigned char> a(static_cast<size_t>(sa) * height,
-                                     softmatte_test::kSentinel);
-        std::vector<unsigned char> b(static_cast<size_t>(sb) * height, 0);
+        Bytes a(size_t(sa) * height, kSentinel), b(size_t(sb) * height, 0);
         for (int i = 0; i < width * height; ++i)
           a[i / width * sa + i % width] = b[i / width * sb + i % width] =
               static_cast<unsigned char>(rng() % 11);
@@ -370,18 +305,17 @@ TEST(MaskRoi, BoxAndRangeMatchBruteForceOnSparsePlanes) {
           const bool found = want[2] > 0;
           if (!found) want = {0, 0, 0, 0};
           Box got = kUnwritten;
-          const auto t = static_cast<unsigned char>(threshold);
           ASSERT_EQ(threshold < 0
                         ? ff::ipf_get_mask_diff_roi(a.data(), width, height, sa,
                                                     b.data(), sb, got.data())
                         : ff::ipf_get_mask_roi(a.data(), width, height, sa,
-                                               got.data(), t),
+                                               got.data(), threshold),
                     found)
               << width << "x" << height << " threshold " << threshold;
           ASSERT_EQ(got, want);
           if (height > 1 || threshold != 100) continue;
           // The range of the non-zero bytes: the spots of a over 100.
-          std::vector<unsigned char> row(a.begin(), a.begin() + width);
+          Bytes row(a.begin(), a.begin() + width);
           for (auto& v : row) v = v > 100 ? v : 0;
           std::pair<int, int> range(3, 3);  // callers read both ends anyway
           EXPECT_EQ(ff::ipf_get_mask_range(row.data(), width, range.first,
