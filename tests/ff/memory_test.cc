@@ -41,32 +41,26 @@ std::vector<void*> DeletedAmong(const std::vector<void*>& blocks, F f) {
   f();
   g_recording = false;
   std::vector<void*> seen;
-  for (void* p : g_deleted) {
+  for (void* p : g_deleted)
     if (std::count(blocks.begin(), blocks.end(), p)) seen.push_back(p);
-  }
   return seen;
 }
 
 std::vector<int> g_calls;
 void* g_block = nullptr;
 bool g_block_gone_first = false;
+
+// A model of the slots, grown past several tables: ff_gfree leaves holes
+// that new blocks take lowest first; ff_gfree_all frees in slot order, then
+// runs the callbacks.
 TEST(Registry, FreesInSlotOrderRefillingHolesThenRunsCallbacks) {
-  // A model of the slots, grown past several tables: ff_gfree leaves holes
-  // that new blocks take lowest first.
   std::vector<void*> slots;
   for (int i = 0; i < 250; ++i) slots.push_back(ff::ff_galloc(1 + i % 7));
-  for (int i = 0; i < 250; i += 3) {
-    ff::ff_gfree(slots[i]);
-    slots[i] = nullptr;
-  }
+  for (int i = 0; i < 250; i += 3) ff::ff_gfree(slots[i]), slots[i] = nullptr;
   for (int i = 0; i < 120; ++i) {
-    void* p = ff::ff_galloc(3);
     auto hole = std::find(slots.begin(), slots.end(), nullptr);
-    if (hole != slots.end()) {
-      *hole = p;
-    } else {
-      slots.push_back(p);
-    }
+    if (hole == slots.end()) hole = slots.insert(hole, nullptr);
+    *hole = ff::ff_galloc(3);
   }
   // Blocks go back through array delete; an unregistered one given to
   // ff_gfree is still deleted, and makes no hole.
@@ -81,12 +75,12 @@ TEST(Registry, FreesInSlotOrderRefillingHolesThenRunsCallbacks) {
                            ff::ff_gfree(stray);
                          }),
             (std::vector<void*>{a, b, stray}));
-  slots.push_back(ff::ff_galloc(4));
-
-  g_calls.clear();
+  slots.push_back(g_block = ff::ff_galloc(4));
+  // Blocks go before any callback runs; a throwing callback does not stop
+  // the rest; one registered during the pass runs at its end; every
+  // callback is dropped afterwards.
   ff::ff_add_gfree_func([] {
     g_calls.push_back(1);
-    // Blocks go before any callback runs.
     g_block_gone_first =
         std::count(g_deleted.begin(), g_deleted.end(), g_block) == 1;
   });
@@ -95,16 +89,10 @@ TEST(Registry, FreesInSlotOrderRefillingHolesThenRunsCallbacks) {
     g_calls.push_back(2);
     ff::ff_add_gfree_func([] { g_calls.push_back(4); });
   });
-  ff::ff_add_gfree_func([] {
-    g_calls.push_back(3);
-    throw 42;
-  });
+  ff::ff_add_gfree_func([] { g_calls.push_back(3), throw 42; });
   ff::ff_add_gfree_func([] { g_calls.push_back(5); });
-  g_block = slots.back();
   EXPECT_EQ(DeletedAmong(slots, ff::ff_gfree_all), slots);
   EXPECT_TRUE(g_block_gone_first);
-  // A throwing callback does not stop the rest; one registered during the
-  // pass runs at its end; every callback is dropped afterwards.
   EXPECT_EQ(g_calls, (std::vector<int>{1, 2, 3, 5, 4}));
   g_calls.clear();
   ff::ff_gfree_all();
