@@ -497,40 +497,37 @@ Dists ShortestPaths(const Bytes& labels, int width, int height, int depth) {
   return dist;
 }
 
-// The 2-D transform (depth 0) on padded label, distance and nearest planes,
-// checking that no padding changed and that leaving out the nearest plane
-// gives the same distances; or the 3-D one. Returns the distances and
-// nearest targets, packed.
+// The 2-D transform (depth 0) on label, distance and nearest planes of
+// different strides, checking that no padding changed and that leaving out
+// the nearest plane gives the same distances; or the 3-D one on dense
+// volumes. Returns the distances and nearest targets, packed.
 std::pair<Dists, std::vector<Voxel>> Transform(const Bytes& labels, int width,
                                                int height, int depth,
                                                int scale = 100) {
-  const int ls = width + 3, ds = depth ? width : width + 2;
-  const int ns = depth ? width : width + 5, d = std::max(depth, 1);
+  const int d = std::max(depth, 1), k = depth ? 3 : 2, pad = depth ? 0 : 1;
+  const int ls = width + 3 * pad, ds = width + 2 * pad, ns = width + 5 * pad;
   Bytes padded(size_t(ls) * height * d, kTarget);
   for (int y = 0; y < height * d; ++y)
     std::copy_n(&labels[size_t(y) * width], width, &padded[size_t(y) * ls]);
   Dists dist(size_t(ds) * height * d, 0xA5A5A5A5u), alone = dist;
-  std::vector<unsigned short> near(size_t(ns) * height * d * 3, 0xA5A5);
+  std::vector<unsigned short> near(size_t(ns) * height * d * k, 0xA5A5);
+  const auto n2 = reinterpret_cast<unsigned short(*)[2]>(near.data());
+  const auto n3 = reinterpret_cast<unsigned short(*)[3]>(near.data());
   ff::dist_field* field =
       depth ? ff::ipf_create_distance_field_3d(width, height, depth, scale)
             : ff::ipf_create_distance_field_2d(width, height, scale);
-  if (depth) {
-    EXPECT_EQ(-1, ff::ipf_distance_transform_3d(
-                      field, labels.data(), width, height, depth, kTarget,
-                      dist.data(),
-                      reinterpret_cast<unsigned short(*)[3]>(near.data())));
-  } else {
-    EXPECT_EQ(-1,
-              ff::ipf_distance_transform_2d(
-                  field, padded.data(), width, height, ls, kTarget, dist.data(),
-                  ds, reinterpret_cast<unsigned short(*)[2]>(near.data()), ns));
+  EXPECT_EQ(-1, depth ? ff::ipf_distance_transform_3d(field, padded.data(),
+                                                      width, height, depth,
+                                                      kTarget, dist.data(), n3)
+                      : ff::ipf_distance_transform_2d(
+                            field, padded.data(), width, height, ls, kTarget,
+                            dist.data(), ds, n2, ns));
+  if (!depth)
     ff::ipf_distance_transform_2d(field, padded.data(), width, height, ls,
                                   kTarget, alone.data(), ds, nullptr, 0);
-    EXPECT_EQ(alone, dist);
-  }
+  EXPECT_EQ(alone, depth ? alone : dist);
   ff::ipf_release_distance_field(field);
   std::pair<Dists, std::vector<Voxel>> out;
-  const int k = depth ? 3 : 2;
   for (int y = 0; y < height * d; ++y) {
     for (int x = 0; x < ns; ++x) {
       const unsigned short* n = &near[(size_t(y) * ns + x) * k];

@@ -11,7 +11,6 @@
 #include <cstring>
 #include <memory>
 #include <random>
-#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -31,10 +30,11 @@ struct Contrast {
 // The trimap painted the slow way: 4-connected components of equal value by
 // label propagation, thickness as the farthest squared distance to a zero
 // pixel over every pair, and a window of 128 around every 255 pixel with
-// another value beside it. With a contrast rule, the window's half-size
-// follows the largest colour difference between sampled 255 and other pixels
-// on the border of the thickness window, walked clockwise. seg and img are
-// packed (img B, G, R).
+// another value beside it (a component's boundary pixel), clipped to the
+// image and one pixel shorter after the centre than before it. With a contrast
+// rule, the window's half-size follows the largest colour difference between
+// sampled 255 and other pixels on the border of the thickness window, walked
+// clockwise. seg and img are packed (img B, G, R).
 Bytes Paint(const Bytes& seg, const Bytes& img, int width, int height,
             int max_band, double band_scale, const Contrast* c) {
   const int n = width * height;
@@ -195,60 +195,6 @@ TEST(MakeTrimapFromRuns, MatchesTheWholePlaneTrimap) {
     MakeTrimapFromRuns(mask.data(), width, height, got.data(), band, scale);
     ASSERT_EQ(got, want) << "round " << round << ": " << width << "x" << height
                          << " band " << band << " scale " << scale;
-  }
-}
-
-// Labels need not form connected regions: any label image is read the same
-// way. A 255 pixel (not 254) is on the boundary when a neighbour inside the
-// image carries another label. The lists are appended to out, yet out[l] is
-// still label l's list.
-TEST(GetCCBndryPixels, MatchesNeighbourCheckOnRandomLabels) {
-  std::mt19937 rng(1234);
-  for (int width : {1, 2, 5, 17, 32})
-    for (int height : {1, 3, 8, 13})
-      for (int count : {1, 2, 5}) {
-        const int n = width * height, stride = width + 3;
-        Bytes seg(stride * height, kSentinel);
-        std::vector<int> labels(n);
-        for (int i = 0; i < n; ++i) {
-          const unsigned r = rng() % 8;
-          seg[i / width * stride + i % width] = r < 5 ? 255 : r == 5 ? 254 : 0;
-          labels[i] =
-              (i % width / 3 + i / width / 2 * 7 + (rng() % 6 == 0)) % count;
-        }
-        std::vector<std::vector<std::pair<int, int>>> want(count + 1);
-        for (int i = 0; i < n; ++i) {
-          const int x = i % width, y = i / width, l = labels[i];
-          if (seg[y * stride + x] == 255 &&
-              ((x > 0 && labels[i - 1] != l) ||
-               (x + 1 < width && labels[i + 1] != l) ||
-               (y > 0 && labels[i - width] != l) ||
-               (y + 1 < height && labels[i + width] != l)))
-            want[l].push_back({x, y});
-        }
-        std::vector<std::vector<dpl_pt2di>> got(1);
-        GetCCBndryPixels(seg.data(), width, height, stride, labels.data(),
-                         count, got);
-        std::vector<std::vector<std::pair<int, int>>> points(got.size());
-        for (size_t l = 0; l < got.size(); ++l)
-          for (const dpl_pt2di& p : got[l]) points[l].push_back({p.x, p.y});
-        ASSERT_EQ(points, want) << width << "x" << height;
-      }
-}
-
-TEST(AdaRect_CCSz, ReachesOneMorePixelBeforeThanAfterAndClips) {
-  // {x, y, r, width, height, left, right, top, bottom}; INT_MAX clips
-  // without overflowing.
-  const int cases[][9] = {{10, 10, 3, 100, 100, 7, 13, 7, 13},
-                          {0, 0, 3, 100, 100, 0, 3, 0, 3},
-                          {98, 5, 4, 100, 7, 94, 100, 1, 7},
-                          {4, 4, 0, 100, 100, 4, 4, 4, 4},
-                          {5, 5, INT_MAX, 10, 10, 0, 10, 0, 10}};
-  for (const auto& c : cases) {
-    const dpl_rect r = AdaRect_CCSz(dpl_pt2di{c[0], c[1]}, c[2], c[3], c[4]);
-    EXPECT_EQ(std::tuple(r.left, r.right, r.top, r.bottom),
-              std::tuple(c[5], c[6], c[7], c[8]))
-        << c[2];
   }
 }
 
