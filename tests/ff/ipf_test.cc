@@ -446,23 +446,6 @@ TEST(Resize, NearestAndBilinearMatchReference) {
   }
 }
 
-// The window's offsets row by row, optionally without the centre; nothing
-// is written past them.
-TEST(Ipf, NeighbourOffsetsListTheWindowRowByRow) {
-  for (auto [rx, ry] : {std::pair{1, 1}, {2, 1}, {0, 2}, {3, 0}}) {
-    for (bool skip : {true, false}) {
-      std::vector<int> want;
-      for (int dy = -ry; dy <= ry; ++dy)
-        for (int dx = -rx; dx <= rx; ++dx)
-          if (!skip || dx || dy) want.push_back(dy * 100 + dx * 3);
-      std::vector<int> got(want.size() + 1, -1);
-      ff::ipf_calc_nbr_offset(rx, ry, 100, 3, got.data(), skip);
-      want.push_back(-1);
-      EXPECT_EQ(got, want) << rx << "x" << ry << " skip " << skip;
-    }
-  }
-}
-
 constexpr unsigned int kUnreached = 10000000;
 constexpr unsigned char kTarget = 7;
 using Dists = std::vector<unsigned int>;

@@ -256,16 +256,16 @@ void CheckResize(int channels, double tolerance, uint32_t seed) {
     const int sw = s[0], sh = s[1], dw = s[2], dh = s[3];
     const int ss = sw * pb + 3, ds = dw * pb + 5;
     // Floats from small integers: random bytes would make NaNs.
-    Bytes src = softmatte_test::RandomPlane(sw * pb, sh, ss, seed++);
-    for (int y = 0; std::is_floating_point_v<T> && y < sh; ++y) {
-      for (int i = 0; i < sw * channels; ++i) {
-        const T v = static_cast<T>(static_cast<int>(rng() % 2001) - 1000);
-        memcpy(&src[y * ss + i * sizeof(T)], &v, sizeof(T));
-      }
+    Bytes src = RandomPlane(sw * pb, sh, ss, seed++);
+    for (int i = 0; std::is_floating_point_v<T> && i < sw * sh * channels;
+         ++i) {
+      const T v = static_cast<T>(static_cast<int>(rng() % 2001) - 1000);
+      memcpy(&src[i / (sw * channels) * ss + i % (sw * channels) * sizeof(T)],
+             &v, sizeof(T));
     }
     const bool same = sw == dw && sh == dh;
     for (int method = same ? 0 : 1; method <= 2; ++method) {
-      Bytes dst = softmatte_test::RandomPlane(dw * pb, dh, ds, seed++);
+      Bytes dst = RandomPlane(dw * pb, dh, ds, seed++);
       ASSERT_EQ(1, ff::fiuResize(src.data(), sw, sh, ss, type, dst.data(), dw,
                                  dh, ds, method));
       // On the identity the tent is exact, so it stands for nearest too.
@@ -309,11 +309,11 @@ TEST(FiuResize, MatchesReferenceForEveryElementType) {
   // Fixed-point weights must sum to exactly one, or a flat 255 plane drifts
   // (within the tolerance above); unknown methods are refused. The image
   // form shapes its destination like the source.
-  std::vector<unsigned char> flat(9 * 7 * 3, 255), out(4 * 3 * 3, 0);
+  Bytes flat(9 * 7 * 3, 255), out(4 * 3 * 3, 0);
   for (int method : {1, 2}) {
     ASSERT_EQ(1, ff::fiuResize(flat.data(), 9, 7, 27, ff::kFormat8UC3,
                                out.data(), 4, 3, 12, method));
-    EXPECT_EQ(out, std::vector<unsigned char>(out.size(), 255));
+    EXPECT_EQ(out, Bytes(out.size(), 255));
   }
   EXPECT_EQ(0, ff::fiuResize(flat.data(), 9, 7, 27, ff::kFormat8UC3, out.data(),
                              4, 3, 12, 3));
@@ -333,11 +333,9 @@ Fields Of(const FVTImage& img) {
 
 int PixelBytes(int type) { return ((type >> 4) & 15) * ((type >> 8) & 255); }
 
-// Smallest multiple of align that holds the row, found by counting up.
+// Smallest multiple of align that holds the row.
 int PaddedRow(int rowBytes, int align) {
-  int step = 0;
-  while (step < rowBytes) step += align;
-  return step;
+  return (rowBytes + align - 1) / align * align;
 }
 
 // Owners pad rows to the alignment (0 gives no row, -1 the bare row);
