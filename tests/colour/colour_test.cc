@@ -167,45 +167,6 @@ TEST(EstimateForegroundBand, WritesTheBytesOfTheFullEstimate) {
   }
 }
 
-// Null planes and empty sizes write nothing; the worker takes the
-// background plane first; a null output is skipped, the other unchanged by
-// its absence.
-TEST(EstimateFbColor, NullPlanesWriteNothingAndOutputsComeInTheirOrder) {
-  const Case c{41, 23, kBlobs, 2, 6, 1, 253, false};
-  const Scene s = MakeScene(c, 77);
-  const unsigned char *image = s.image.data(), *alpha = s.alpha.data();
-  const int w = c.width, h = c.height, is = s.imageStride, as = s.alphaStride;
-  const int fs = 3 * w + 5, bs = 3 * w + 7;
-  const std::vector<unsigned char> blankF(size_t(fs) * h, kSentinel),
-      blankB(size_t(bs) * h, kSentinel);
-  std::vector<unsigned char> fg = blankF, bg = blankB, wantF = fg, wantB = bg;
-  mat_estimate_fb_color(image, w, h, is, alpha, as, wantF.data(), fs,
-                        wantB.data(), bs, 1, 253);
-  mat_estimate_fb_color(nullptr, w, h, is, alpha, as, fg.data(), fs, bg.data(),
-                        bs, 1, 253);
-  estimate_fb_color_x(image, w, h, is, nullptr, as, bg.data(), bs, fg.data(),
-                      fs, 1, 253);
-  for (const auto& [im, al, width, height] :
-       {std::tuple{(const unsigned char*)nullptr, alpha, w, h},
-        {image, nullptr, w, h},
-        {image, alpha, 0, h},
-        {image, alpha, w, 0}}) {
-    estimate_foreground_band(im, width, height, is, al, as, fg.data(), fs, 1,
-                             253);
-  }
-  EXPECT_EQ(fg, blankF);
-  EXPECT_EQ(bg, blankB);
-  estimate_foreground_band(image, w, h, is, alpha, as, nullptr, fs, 1, 253);
-  estimate_fb_color_x(image, w, h, is, alpha, as, bg.data(), bs, fg.data(), fs,
-                      1, 253);
-  EXPECT_EQ(fg, wantF);
-  EXPECT_EQ(bg, wantB);
-  fg = blankF;
-  mat_estimate_fb_color(image, w, h, is, alpha, as, fg.data(), fs, nullptr, 0,
-                        1, 253);
-  EXPECT_EQ(fg, wantF);
-}
-
 constexpr unsigned char kLow = 1;
 constexpr unsigned char kHigh = 253;
 
@@ -238,6 +199,44 @@ Outputs Estimate(Scene& p) {
             std::equal(p.Pixel(x, y), p.Pixel(x, y) + 3, out.at(k, x, y)))
             << x << "," << y;
   return out;
+}
+
+// Null planes and empty sizes write nothing; the worker takes the
+// background plane first; a null output is skipped, the other unchanged by
+// its absence.
+TEST(EstimateFbColor, NullPlanesWriteNothingAndOutputsComeInTheirOrder) {
+  Scene s = MakeScene({41, 23, kBlobs, 2, 6, 1, 253, false}, 77);
+  const Outputs want = Estimate(s);
+  const Bytes &wantF = want.plane[0], &wantB = want.plane[1];
+  const unsigned char *image = s.image.data(), *alpha = s.alpha.data();
+  const int w = s.width, h = s.height, is = s.imageStride, as = s.alphaStride;
+  const int fs = want.stride[0], bs = want.stride[1];
+  const Bytes blankF(size_t(fs) * h, kSentinel),
+      blankB(size_t(bs) * h, kSentinel);
+  Bytes fg = blankF, bg = blankB;
+  mat_estimate_fb_color(nullptr, w, h, is, alpha, as, fg.data(), fs, bg.data(),
+                        bs, 1, 253);
+  estimate_fb_color_x(image, w, h, is, nullptr, as, bg.data(), bs, fg.data(),
+                      fs, 1, 253);
+  for (const auto& [im, al, width, height] :
+       {std::tuple{(const unsigned char*)nullptr, alpha, w, h},
+        {image, nullptr, w, h},
+        {image, alpha, 0, h},
+        {image, alpha, w, 0}}) {
+    estimate_foreground_band(im, width, height, is, al, as, fg.data(), fs, 1,
+                             253);
+  }
+  EXPECT_EQ(fg, blankF);
+  EXPECT_EQ(bg, blankB);
+  estimate_foreground_band(image, w, h, is, alpha, as, nullptr, fs, 1, 253);
+  estimate_fb_color_x(image, w, h, is, alpha, as, bg.data(), bs, fg.data(), fs,
+                      1, 253);
+  EXPECT_EQ(fg, wantF);
+  EXPECT_EQ(bg, wantB);
+  fg = blankF;
+  mat_estimate_fb_color(image, w, h, is, alpha, as, fg.data(), fs, nullptr, 0,
+                        1, 253);
+  EXPECT_EQ(fg, wantF);
 }
 
 TEST(EstimateFbColor, MatteWithoutForegroundSolvesAgainstTheBackgroundMean) {
