@@ -1,8 +1,9 @@
-// Foreground and background colour estimation: the band-only worker
-// against the exported estimate on a wide range of mattes, what known pixels
-// and missing planes get, a closed form where no foreground exists, and the
-// recovery of a synthetic composite.
-#include "colour/fb_color.h"
+// Foreground colours: the band-only estimation worker against the exported
+// estimate on a wide range of mattes, what known pixels and missing planes
+// get, a closed form where no foreground exists, the recovery of a synthetic
+// composite, and the merge and retouching of foreground colours against
+// references written here.
+#include "softmatte/colour.h"
 
 #include <gtest/gtest.h>
 
@@ -14,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "softmatte/colour.h"
+#include "colour/fb_color.h"
 #include "test_util.h"
 
 namespace {
@@ -22,6 +23,7 @@ namespace {
 using softmatte_test::kSentinel;
 using softmatte_test::PaddingIntact;
 using softmatte_test::RandomPlane;
+using Bytes = std::vector<unsigned char>;
 
 // What the matte of a case looks like.
 enum Shape {
@@ -46,13 +48,19 @@ struct Case {
 
 // A photo and matte with padded rows (of different paddings).
 struct Scene {
-  int imageStride, alphaStride;
+  int width, height, imageStride, alphaStride;
   std::vector<unsigned char> image, alpha;
+  unsigned char& Alpha(int x, int y) {
+    return alpha[size_t(y) * alphaStride + x];
+  }
+  unsigned char* Pixel(int x, int y) {
+    return &image[size_t(y) * imageStride + 3 * x];
+  }
 };
 
 Scene MakeScene(const Case& c, uint32_t seed) {
   std::mt19937 rng(seed);
-  Scene s;
+  Scene s{c.width, c.height, 0, 0, {}, {}};
   s.imageStride = 3 * c.width + 1 + seed % 5;
   s.alphaStride = c.width + seed % 3;
   s.image.assign(size_t(s.imageStride) * c.height, kSentinel);
@@ -85,80 +93,49 @@ Scene MakeScene(const Case& c, uint32_t seed) {
         const double e = std::hypot(x - d.x, y - d.y) - d.r;
         a = std::max(a, std::clamp(0.5 - e / c.ramp, 0.0, 1.0));
       }
-      int v = static_cast<int>(std::lround(a * 255));
-      switch (c.shape) {
-        case kNoForeground:
-          v = std::min<int>(v, c.high);
-          break;
-        case kNoBackground:
-          v = std::max<int>(v, c.low);
-          break;
-        case kSpeckled:
-          if (rng() % 40 == 0) v = 128;
-          break;
-        case kNoise:
-          v = rng() % 3 == 0 ? rng() % 256 : (rng() % 2) * 255;
-          break;
-        case kSpeck:
-          v = std::lround(std::clamp(1.2 - std::hypot(x - c.width / 2.0,
-                                                      y - c.height / 2.0) /
-                                               c.ramp,
-                                     0.0, 1.0) *
-                          255);
-          break;
-        default:
-          break;
-      }
-      s.alpha[size_t(y) * s.alphaStride + x] = static_cast<unsigned char>(v);
+      const int v = static_cast<int>(std::lround(a * 255)),
+                n = rng() % 3 == 0 ? rng() % 256 : (rng() % 2) * 255;
+      const double speck = std::hypot(x - c.width / 2.0, y - c.height / 2.0);
+      s.Alpha(x, y) = static_cast<unsigned char>(
+          c.shape == kNoForeground   ? std::min<int>(v, c.high)
+          : c.shape == kNoBackground ? std::max<int>(v, c.low)
+          : c.shape == kSpeckled     ? (rng() % 40 == 0 ? 128 : v)
+          : c.shape == kNoise        ? n
+          : c.shape == kSpeck
+              ? std::lround(std::clamp(1.2 - speck / c.ramp, 0.0, 1.0) * 255)
+              : v);
     }
   }
   return s;
 }
 
-// The cases: tiny photos that are never reduced, photos whose coarsest level
-// is halved several times, every matte shape, bands from a pixel to dozens
-// wide, and thresholds other than the session's.
+// The cases: tiny photos that are never reduced, a band whose low is above
+// its high (none), one too wide for the distance transform (every width
+// reads unreached) and one as tall as it takes. The rest drawn at random:
+// every matte shape, photos whose coarsest level is halved several times,
+// bands from half a pixel to dozens wide, and thresholds other than the
+// session's, among them a low of 0 (no background).
 std::vector<Case> Cases() {
-  std::vector<Case> cases = {
-      {1, 1, kBlobs, 1, 2, 1, 253, false},
-      {1, 9, kNoise, 0, 1, 1, 253, false},
-      {7, 2, kNoise, 0, 1, 1, 253, true},
-      {5, 16, kBlobs, 2, 3, 1, 253, false},
-      {16, 16, kSpeckled, 2, 4, 1, 253, true},
-      {17, 17, kBlobs, 1, 6, 1, 253, false},
-      {33, 18, kBlobs, 3, 2, 1, 253, false},
-      {35, 35, kBlobs, 1, 30, 1, 253, false},
-      {40, 35, kSpeckled, 2, 8, 1, 253, false},
-      {67, 41, kNoForeground, 3, 9, 1, 253, false},
-      {41, 37, kNoBackground, 2, 7, 1, 253, false},
-      {21, 19, kNoBackground, 1, 3, 1, 253, true},
-      {64, 48, kNoise, 0, 1, 1, 253, false},
-      {80, 61, kBlobs, 5, 1.5, 1, 253, true},
-      {101, 67, kBlobs, 4, 12, 1, 253, false},
-      {97, 131, kSpeckled, 3, 20, 1, 253, false},
-      {150, 100, kSpeck, 0, 25, 1, 253, false},
-      {121, 90, kSpeck, 0, 6, 1, 253, true},
-      {230, 170, kBlobs, 2, 60, 1, 253, false},
-      {203, 157, kBlobs, 7, 3, 1, 253, false},
-      {199, 211, kSpeckled, 1, 40, 1, 253, true},
-      // Nothing below a low of 0: no background.
-      {45, 33, kBlobs, 3, 10, 0, 255, false},
-      {45, 33, kBlobs, 3, 10, 0, 128, false},
-      {77, 55, kSpeckled, 2, 14, 40, 200, false},
-      {77, 55, kBlobs, 2, 14, 200, 40, false},  // low above high: no band
-      {60, 45, kNoise, 0, 1, 100, 100, true},
-      {123, 77, kNoForeground, 2, 5, 30, 220, true},
-      // Too wide for the distance transform: every width reads unreached;
-      // and as tall as it takes.
-      {65536 + 7, 3, kBlobs, 12, 4, 1, 253, false},
-      {3, 65535, kBlobs, 12, 4, 1, 253, false},
-  };
-  // More of the ordinary kind, sizes and bands drawn at random.
+  std::vector<Case> cases = {{1, 1, kBlobs, 1, 2, 1, 253, false},
+                             {1, 9, kNoise, 0, 1, 1, 253, false},
+                             {7, 2, kNoise, 0, 1, 1, 253, true},
+                             {77, 55, kBlobs, 2, 14, 200, 40, false},
+                             {65536 + 7, 3, kBlobs, 12, 4, 1, 253, false},
+                             {3, 65535, kBlobs, 12, 4, 1, 253, false}};
+  const unsigned char bands[][2] = {{1, 253}, {1, 253},  {1, 253},   {0, 255},
+                                    {0, 128}, {40, 200}, {100, 100}, {30, 220}};
   std::mt19937 rng(20240611);
-  for (int k = 0; k < 24; ++k) {
-    cases.push_back({2 + int(rng() % 160), 2 + int(rng() % 120),
-                     rng() % 4 == 0 ? kSpeckled : kBlobs, 1 + int(rng() % 6),
-                     0.5 + (rng() % 300) / 10.0, 1, 253, rng() % 3 == 0});
+  for (int k = 0; k < 40; ++k) {
+    const unsigned char* b = bands[rng() % 8];
+    const Shape shape = Shape(rng() % 6);
+    // Without a whole side, or with other bands, on smaller photos: there
+    // every unknown pixel searches far.
+    const bool small =
+        b[0] != 1 || shape == kNoForeground || shape == kNoBackground;
+    const int side = small ? 80 : 240;
+    cases.push_back({2 + int(rng() % side), 2 + int(rng() % side), shape,
+                     1 + int(rng() % 7), 0.5 + (rng() % 600) / 10.0, b[0], b[1],
+                     rng() % 3 == 0});
   }
   return cases;
 }
@@ -190,20 +167,53 @@ TEST(EstimateForegroundBand, WritesTheBytesOfTheFullEstimate) {
   }
 }
 
+constexpr unsigned char kLow = 1;
+constexpr unsigned char kHigh = 253;
+
+// Foreground and background outputs of different odd paddings.
+struct Outputs {
+  int stride[2];
+  std::vector<unsigned char> plane[2];  // foreground, background
+  const unsigned char* at(int which, int x, int y) const {
+    return &plane[which][size_t(y) * stride[which] + 3 * x];
+  }
+};
+
+Outputs Estimate(Scene& p) {
+  Outputs out{{3 * p.width + 5, 3 * p.width + 7}, {}};
+  for (int k = 0; k < 2; ++k)
+    out.plane[k].assign(size_t(out.stride[k]) * p.height, kSentinel);
+  mat_estimate_fb_color(p.image.data(), p.width, p.height, p.imageStride,
+                        p.alpha.data(), p.alphaStride, out.plane[0].data(),
+                        out.stride[0], out.plane[1].data(), out.stride[1], kLow,
+                        kHigh);
+  for (int k = 0; k < 2; ++k)
+    EXPECT_TRUE(
+        PaddingIntact(out.plane[k], 3 * p.width, p.height, out.stride[k]));
+  // Known pixels keep the photo's colour in both outputs.
+  for (int y = 0; y < p.height; ++y)
+    for (int x = 0; x < p.width; ++x)
+      for (int k = 0; k < 2 && (p.Alpha(x, y) < kLow || p.Alpha(x, y) > kHigh);
+           ++k)
+        EXPECT_TRUE(
+            std::equal(p.Pixel(x, y), p.Pixel(x, y) + 3, out.at(k, x, y)))
+            << x << "," << y;
+  return out;
+}
+
 // Null planes and empty sizes write nothing; the worker takes the
 // background plane first; a null output is skipped, the other unchanged by
 // its absence.
 TEST(EstimateFbColor, NullPlanesWriteNothingAndOutputsComeInTheirOrder) {
-  const Case c{41, 23, kBlobs, 2, 6, 1, 253, false};
-  const Scene s = MakeScene(c, 77);
+  Scene s = MakeScene({41, 23, kBlobs, 2, 6, 1, 253, false}, 77);
+  const Outputs want = Estimate(s);
+  const Bytes &wantF = want.plane[0], &wantB = want.plane[1];
   const unsigned char *image = s.image.data(), *alpha = s.alpha.data();
-  const int w = c.width, h = c.height, is = s.imageStride, as = s.alphaStride;
-  const int fs = 3 * w + 5, bs = 3 * w + 7;
-  const std::vector<unsigned char> blankF(size_t(fs) * h, kSentinel),
+  const int w = s.width, h = s.height, is = s.imageStride, as = s.alphaStride;
+  const int fs = want.stride[0], bs = want.stride[1];
+  const Bytes blankF(size_t(fs) * h, kSentinel),
       blankB(size_t(bs) * h, kSentinel);
-  std::vector<unsigned char> fg = blankF, bg = blankB, wantF = fg, wantB = bg;
-  mat_estimate_fb_color(image, w, h, is, alpha, as, wantF.data(), fs,
-                        wantB.data(), bs, 1, 253);
+  Bytes fg = blankF, bg = blankB;
   mat_estimate_fb_color(nullptr, w, h, is, alpha, as, fg.data(), fs, bg.data(),
                         bs, 1, 253);
   estimate_fb_color_x(image, w, h, is, nullptr, as, bg.data(), bs, fg.data(),
@@ -229,67 +239,12 @@ TEST(EstimateFbColor, NullPlanesWriteNothingAndOutputsComeInTheirOrder) {
   EXPECT_EQ(fg, wantF);
 }
 
-constexpr unsigned char kLow = 1;
-constexpr unsigned char kHigh = 253;
-
-// A B, G, R photo and its matte, both with padded rows.
-struct Planes {
-  int width, height, imageStride, alphaStride;
-  std::vector<unsigned char> image, alpha;
-  Planes(int w, int h, uint32_t seed)
-      : width(w),
-        height(h),
-        imageStride(3 * w + 3),
-        alphaStride(w + 1),
-        image(RandomPlane(3 * w, h, 3 * w + 3, seed)),
-        alpha(RandomPlane(w, h, w + 1, seed)) {}
-  unsigned char& Alpha(int x, int y) {
-    return alpha[size_t(y) * alphaStride + x];
-  }
-  unsigned char* Pixel(int x, int y) {
-    return &image[size_t(y) * imageStride + 3 * x];
-  }
-};
-
-// Foreground and background outputs of different odd paddings.
-struct Outputs {
-  int stride[2];
-  std::vector<unsigned char> plane[2];  // foreground, background
-  const unsigned char* at(int which, int x, int y) const {
-    return &plane[which][size_t(y) * stride[which] + 3 * x];
-  }
-};
-
-Outputs Estimate(const Planes& p) {
-  Outputs out{{3 * p.width + 5, 3 * p.width + 7}, {}};
-  for (int k = 0; k < 2; ++k)
-    out.plane[k].assign(size_t(out.stride[k]) * p.height, kSentinel);
-  mat_estimate_fb_color(p.image.data(), p.width, p.height, p.imageStride,
-                        p.alpha.data(), p.alphaStride, out.plane[0].data(),
-                        out.stride[0], out.plane[1].data(), out.stride[1], kLow,
-                        kHigh);
-  for (int k = 0; k < 2; ++k)
-    EXPECT_TRUE(
-        PaddingIntact(out.plane[k], 3 * p.width, p.height, out.stride[k]));
-  // Known pixels keep the photo's colour in both outputs.
-  for (int y = 0; y < p.height; ++y) {
-    for (int x = 0; x < p.width; ++x) {
-      const unsigned char a = p.alpha[size_t(y) * p.alphaStride + x];
-      const unsigned char* i = &p.image[size_t(y) * p.imageStride + 3 * x];
-      for (int k = 0; k < 2 && (a < kLow || a > kHigh); ++k) {
-        EXPECT_TRUE(std::equal(i, i + 3, out.at(k, x, y))) << x << "," << y;
-      }
-    }
-  }
-  return out;
-}
-
 TEST(EstimateFbColor, MatteWithoutForegroundSolvesAgainstTheBackgroundMean) {
   // No alpha above high: every unknown pixel sees the whole one-coloured
   // background, has no foreground samples and no band width (the distance
   // to the foreground is unreached). Its F is the compositing equation
   // solved for F, blended with the image colour by the weight curve S.
-  Planes p(23, 19, 31);
+  Scene p = MakeScene({23, 19, kNoise, 0, 1, 1, 253, false}, 31);
   const unsigned char background[3] = {40, 90, 200};
   std::mt19937 rng(32);
   const double e = std::exp(-0.5);
@@ -327,7 +282,7 @@ TEST(EstimateFbColor, MatteWithoutForegroundSolvesAgainstTheBackgroundMean) {
 // A composite with known layers: smooth colourful foreground and background
 // textures mixed by a disc whose edge ramps over some 14 pixels.
 TEST(EstimateFbColor, RecoversTheForegroundOfASyntheticComposite) {
-  Planes p(241, 181, 0);
+  Scene p = MakeScene({241, 181, kBlobs, 0, 1, 1, 253, false}, 1);
   std::vector<float> trueF(size_t(p.width) * p.height * 3);
   for (int y = 0; y < p.height; ++y) {
     for (int x = 0; x < p.width; ++x) {
@@ -371,6 +326,92 @@ TEST(EstimateFbColor, RecoversTheForegroundOfASyntheticComposite) {
   // partly moved from the image colour towards the solved one.
   EXPECT_LT(estimated, 0.7 * naive);
   EXPECT_LT(estimated, 17.0);
+}
+
+// Pixel by pixel in plain ints: run on a copy with the same aliasing, it is
+// also the order the library must keep when the planes overlap.
+void MergeReference(const unsigned char* im, int w, int h, int is,
+                    unsigned char* fg, int fs) {
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w * 4; ++x)
+      if (x % 4 != 3) {
+        const int i = im[y * is + x / 4 * 3 + x % 4], f = fg[y * fs + x];
+        fg[y * fs + x] =
+            i + (((f - i) * fg[y * fs + x / 4 * 4 + 3] + 127) >> 8);
+      }
+}
+
+TEST(MergeForegroundColour, MatchesReferenceInBlocksTailsAndOverlaps) {
+  for (int w : {1, 15, 16, 37, 70}) {
+    const int is = w * 3 + 5, fs = w * 4 + 3, h = 3;
+    const Bytes image = RandomPlane(w * 3, h, is, w);
+    Bytes fg = RandomPlane(w * 4, h, fs, w + 1);
+    for (int x = 3; x < 4 * w; x += 20) fg[x] = x % 40 == 3 ? 0 : 255;
+    Bytes want = fg;
+    MergeReference(image.data(), w, h, is, want.data(), fs);
+    mat_merge_f_color(image.data(), w, h, is, fg.data(), fs);
+    EXPECT_EQ(fg, want) << "width " << w;
+    // The image read out of the foreground's own bytes, one pixel ahead.
+    fg = RandomPlane(w * 4 + 8, h, fs + 8, w + 2), want = fg;
+    MergeReference(want.data() + 4, w, h, fs + 8, want.data(), fs + 8);
+    mat_merge_f_color(fg.data() + 4, w, h, fs + 8, fg.data(), fs + 8);
+    EXPECT_EQ(fg, want) << "width " << w;
+  }
+}
+
+// Either improve form at one pixel, weighted by s.
+void Improve(const unsigned char* in, const unsigned char* ref, bool pull,
+             int alpha, int s, unsigned char* out) {
+  const float t = (255 - alpha) / 255.0f;
+  for (int c = 0; c < 3; ++c) {
+    const int d = pull ? ref[c] - in[c] : in[c] - ref[c];
+    const int target = static_cast<int>(in[c] + t * d + 0.5f);
+    out[c] = std::clamp(out[c] + (((target - out[c]) * s + 127) >> 8), 0, 255);
+  }
+  out[3] = std::max<int>(out[3], s);
+}
+
+TEST(ImproveForeground, BothFormsAndTheMapMatchReference) {
+  // Few levels, so that equal strengths and opaque pixels occur.
+  const auto lv = [](Bytes p) {
+    for (auto& v : p) v = v == 0xA5 ? v : (v % 4) * 85;
+    return p;
+  };
+  const int w = 19, h = 3, s1 = w + 3, s3 = w * 3 + 1, s4 = w * 4 + 5;
+  const Bytes im = RandomPlane(w * 3, h, s3, 1),
+              al = lv(RandomPlane(w, h, s1, 2));
+  Bytes map = lv(RandomPlane(w * 4, h, s4, 3)), map_want = map;
+  Bytes done = lv(RandomPlane(w, h, s1, 4)), done_want = done;
+  Bytes out = RandomPlane(w * 4, h, s4, 5), out_want = out, out2 = out;
+  Bytes out2_want = out;
+  const unsigned char refs[2][4] = {{10, 200, 90, 129}, {250, 3, 77, 128}};
+  for (int k = 0; k < 2; ++k) {
+    const unsigned char* ref = refs[k];
+    const Bytes st = lv(RandomPlane(w, h, s1, 6 + k));
+    mat_update_reference_color(map.data(), w, h, s4, ref, st.data(), s1);
+    mat_improve_foreground(im.data(), w, h, s3, al.data(), s1, st.data(), s1,
+                           done.data(), s1, out.data(), s4, ref, nullptr, 85);
+    for (int y = 0; y < h; ++y)
+      for (int x = 0; x < w; ++x) {
+        const int i = y * s1 + x, s = st[i];
+        const unsigned char *in = &im[y * s3 + x * 3],
+                            *m = &map_want[y * s4 + x * 4];
+        if (s > (m[3] & 254))
+          map_want[y * s4 + x * 4 + 3] = (s & 254) | (ref[3] > 128),
+                                    std::copy(ref, ref + 3,
+                                              &map_want[y * s4 + x * 4]);
+        // The map is final after the last stroke: the map form's turn.
+        if (k == 1 && m[3] != 0 && al[i] >= 85 && al[i] < 255)
+          Improve(in, m, m[3] & 1, al[i], m[3], &out2_want[y * s4 + x * 4]);
+        if (s <= done_want[i] || al[i] < 85) continue;
+        Improve(in, ref, ref[3] > 128, al[i], s, &out_want[y * s4 + x * 4]);
+        done_want[i] = s;
+      }
+  }
+  mat_improve_foreground(im.data(), w, h, s3, map.data(), s4, al.data(), s1,
+                         out2.data(), s4, 85);
+  EXPECT_TRUE(map == map_want && out == out_want && done == done_want &&
+              out2 == out2_want);
 }
 
 }  // namespace
