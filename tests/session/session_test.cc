@@ -12,10 +12,8 @@
 #include <atomic>
 #include <cmath>
 #include <cstdint>
-#include <initializer_list>
 #include <random>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "session/cutout_steps.h"
@@ -90,57 +88,31 @@ Plane Disc(int w, int h, double cx, double cy, double r, double band,
   return plane;
 }
 
-// A refinement's steps at a ww x wh working size: the photo and trimap
-// reduced by nearest neighbour, the mask of the working unknowns, and the
-// tables that carry a working matte back to full size.
-struct Reduced {
-  int ww, wh;
-  Plane image, trimap, mask;
-  std::vector<int> idx;
-  std::vector<short> wts;
-};
-
-Reduced Reduce(const unsigned char* photo, int w, int h, int stride,
-               const Plane& trimap, int ww, int wh) {
-  Reduced r{ww,
-            wh,
-            Plane(static_cast<size_t>(ww) * wh * 3),
-            Plane(static_cast<size_t>(ww) * wh),
-            Plane(),
-            std::vector<int>(static_cast<size_t>(w) * h * 2, -1),
-            std::vector<short>(static_cast<size_t>(w) * h, 0)};
-  ff::ipf_resize_nn(photo, w, h, stride, 3, r.image.data(), ww, wh, 3 * ww, 3,
-                    ff::ccn<3>());
-  usam_calc_weights_8u_c3(photo, w, h, stride, nullptr, 0, r.image.data(), ww,
-                          wh, 3 * ww, r.idx.data(), 2 * w, r.wts.data(), w, 3);
-  ff::ipf_resize_nn(trimap.data(), w, h, w, 1, r.trimap.data(), ww, wh, ww, 1,
-                    ff::ccn<1>());
-  for (unsigned char t : r.trimap) r.mask.push_back(t == kUnknown);
-  return r;
-}
-
-// The working matte carried back over the trimap's unknowns, smoothed.
-Plane CarryBack(const Reduced& r, const Plane& workAlpha, const Plane& trimap,
-                int w, int h, int smooth) {
-  Plane alpha = trimap;
-  usam_interpolate_c1(workAlpha.data(), r.ww, r.wh, r.idx.data(), 2 * w,
-                      r.wts.data(), w, alpha.data(), w, h, w, trimap.data(), w,
-                      kUnknown);
-  mat_smooth_boundary(alpha.data(), w, h, w, alpha.data(), w, smooth);
-  return alpha;
-}
-
-// The whole refinement by hand: reduce, solve the band, carry back, clean.
+// The refinement built from the library's pieces at a given working size:
+// reduce, pair, solve the band, carry back, smooth, clean.
 Plane RefineByHand(const Photo& photo, const Plane& trimap, int ww, int wh) {
-  const Reduced r = Reduce(photo.bytes.data(), photo.width, photo.height,
-                           photo.stride, trimap, ww, wh);
-  Plane workAlpha = r.trimap;
+  const int w = photo.width, h = photo.height;
+  Plane workImage(static_cast<size_t>(ww) * wh * 3);
+  ff::ipf_resize_nn(photo.bytes.data(), w, h, photo.stride, 3, workImage.data(),
+                    ww, wh, 3 * ww, 3, ff::ccn<3>());
+  std::vector<int> idx(static_cast<size_t>(w) * h * 2, -1);
+  std::vector<short> wts(static_cast<size_t>(w) * h, 0);
+  usam_calc_weights_8u_c3(photo.bytes.data(), w, h, photo.stride, nullptr, 0,
+                          workImage.data(), ww, wh, 3 * ww, idx.data(), 2 * w,
+                          wts.data(), w, 3);
+  Plane workTrimap(static_cast<size_t>(ww) * wh), mask(workTrimap.size());
+  ff::ipf_resize_nn(trimap.data(), w, h, w, 1, workTrimap.data(), ww, wh, ww, 1,
+                    ff::ccn<1>());
+  for (size_t i = 0; i < mask.size(); ++i) mask[i] = workTrimap[i] == kUnknown;
+  Plane workAlpha = workTrimap, alpha = trimap;
   mat_data problem;
-  mat_update(r.image.data(), ww, wh, 3 * ww, r.mask.data(), ww, problem,
+  mat_update(workImage.data(), ww, wh, 3 * ww, mask.data(), ww, problem,
              problem, nullptr);
-  mat_run(problem, r.trimap.data(), workAlpha.data(), nullptr);
-  Plane alpha = CarryBack(r, workAlpha, trimap, photo.width, photo.height, 3);
-  vm_erase_small_cc(alpha.data(), photo.width, photo.height, photo.width, 0, 1);
+  mat_run(problem, workTrimap.data(), workAlpha.data(), nullptr);
+  usam_interpolate_c1(workAlpha.data(), ww, wh, idx.data(), 2 * w, wts.data(),
+                      w, alpha.data(), w, h, w, trimap.data(), w, kUnknown);
+  mat_smooth_boundary(alpha.data(), w, h, w, alpha.data(), w, 3);
+  vm_erase_small_cc(alpha.data(), w, h, w, 0, 1);
   return alpha;
 }
 
@@ -613,147 +585,6 @@ TEST(DropLooseBlocks, DropsOnlyStraysThePhotoDoesNotShow) {
   runs = FindMaskRuns(strays.data(), width, height);
   cutout_steps::DropLooseBlocks(flat.data(), 3 * width, 6, 4, runs, strays);
   EXPECT_EQ(strays, want);
-}
-
-// Results are compared bit for bit across runs, builds (shared, static,
-// sanitized) and architectures, so a real photo's matte and colours are
-// pinned to committed digests (GT01 of the alphamatting training set). The
-// stages are pinned apart as well: when a build disagrees, the digests say
-// whether our own arithmetic moved or the sparse solver (SuperLU and the
-// BLAS under it) rounds differently. Both sides of the photo exceed the
-// working size, so the solve runs on a reduced copy and the tables carry it
-// back: the path a phone photo takes.
-constexpr int kWorkSize = 400, kMaxBand = 20, kSmooth = 3;
-constexpr double kBandScale = 0.5;
-constexpr uint64_t kSessionDigest = 0xf1249d9eccb318bfull;
-constexpr uint64_t kSystemDigest = 0x5a04ada4d41da8b7ull;
-// SuperLU's raw doubles depend on how SuperLU and its BLAS were compiled,
-// which is not ours to choose: built without fused multiply-add, as on
-// x86-64, they give the first digest; Debian's arm64 packages fuse (GCC's
-// default there) and give the second, up to a few ulps apart and with the
-// same matte. Any other value means the solver ran with other options or
-// tuning than ours.
-constexpr uint64_t kSolutionDigests[] = {0x8c1ad919e359cf17ull,
-                                         0x6aa050acc04f96a8ull};
-constexpr uint64_t kNoSolverDigest = 0xc68ad034e72c823eull;
-
-// 64-bit FNV-1a over the byte ranges in turn: the same on every platform.
-using Bytes = std::pair<const void*, size_t>;
-template <typename T>
-Bytes Of(const std::vector<T>& v) {
-  return {v.data(), sizeof(T) * v.size()};
-}
-uint64_t Digest(std::initializer_list<Bytes> parts) {
-  uint64_t hash = 0xcbf29ce484222325ull;
-  for (const auto& [p, size] : parts) {
-    for (size_t i = 0; i < size; ++i) {
-      hash =
-          (hash ^ static_cast<const unsigned char*>(p)[i]) * 0x100000001b3ull;
-    }
-  }
-  return hash;
-}
-
-// The photo, the truth cut at mid-grey (an exact two-valued mask), the
-// trimap in the session's polarity, and the session's working copy.
-struct Input {
-  softmatte_test::MattingSample sample;
-  int w = 0, h = 0;
-  Plane seg, trimap;
-  Reduced work;
-};
-
-bool Load(Input* in) {
-  if (!softmatte_test::LoadMattingSample(1, false, &in->sample)) return false;
-  const int w = in->w = in->sample.image.width;
-  const int h = in->h = in->sample.image.height;
-  in->seg = softmatte_test::Binarize(in->sample.truth.pixels, 128);
-  in->trimap.resize(in->seg.size());
-  MakeTrimapFromSegRes(in->seg.data(), w, h, w, in->trimap.data(), w, kMaxBand,
-                       kBandScale);
-  InvertMatte(in->trimap.data(), w, h, w);
-  const double s = std::min(static_cast<double>(kWorkSize) / w,
-                            static_cast<double>(kWorkSize) / h);
-  in->work =
-      Reduce(in->sample.image.pixels.data(), w, h, 3 * w, in->trimap,
-             static_cast<int>(s * w + 0.5) & ~3, static_cast<int>(s * h + 0.5));
-  return true;
-}
-
-// The application's flow: a session, a matte from the mask, its colours.
-uint64_t SessionDigest(const Input& in) {
-  DSCMatting session(in.sample.image.pixels.data(), in.w, in.h, 3 * in.w,
-                     kWorkSize);
-  Plane matte(in.seg.size());
-  EXPECT_EQ(session.MakeMatteFromSegmRes(in.seg.data(), in.w, in.h, in.w,
-                                         matte.data(), in.w, kMaxBand,
-                                         kBandScale, kSmooth, 0),
-            1);
-  int stride = 0;
-  const unsigned char* f = session.GetFImage(&stride, 1);
-  return Digest({Of(matte), Of(Packed(f, 3 * in.w, in.h, stride))});
-}
-
-TEST(DeterminismPhotos, SessionMatteAndColoursMatchTheCommittedDigest) {
-  Input in;
-  if (!Load(&in)) GTEST_SKIP() << "alphamatting photos not found";
-  const uint64_t first = SessionDigest(in);
-  // A second session in the same process: nothing may carry over.
-  EXPECT_EQ(SessionDigest(in), first);
-  EXPECT_EQ(first, kSessionDigest) << "session digest " << std::hex << first;
-}
-
-// The assembled system (our arithmetic only) and SuperLU's raw solution of
-// it with the known pixels pinned: doubles, before any rounding to bytes can
-// hide a last-bit difference. Then everything around the solve, without it:
-// the tables, the carried-back matte (the reduced truth standing in for a
-// solved one), the boundary smoothing and the colour estimate. Read
-// together: a wrong session digest with a right system and a wrong solution
-// points at the sparse solver; a wrong system or no-solver digest at our
-// own code.
-TEST(DeterminismPhotos, StagesMatchTheCommittedDigests) {
-  Input in;
-  if (!Load(&in)) GTEST_SKIP() << "alphamatting photos not found";
-  const Reduced& r = in.work;
-  mat_data problem;
-  mat_update(r.image.data(), r.ww, r.wh, 3 * r.ww, r.mask.data(), r.ww, problem,
-             problem, nullptr);
-  const int n = problem.n;
-  ASSERT_GT(n, 1000);
-  const size_t entries = static_cast<size_t>(problem.rowStart[n] - 1);
-  const uint64_t system = Digest({{problem.values, sizeof(double) * entries},
-                                  {problem.columns, sizeof(int) * entries},
-                                  {problem.rowStart, sizeof(int) * (n + 1)},
-                                  {problem.pixelOf, sizeof(int) * n}});
-  EXPECT_EQ(system, kSystemDigest) << "system digest " << std::hex << system;
-
-  std::vector<double> values(problem.values, problem.values + entries);
-  std::vector<double> rhs(n, 0.0), x(n, 0.0);
-  for (int k = 0; k < n; ++k) {
-    const unsigned char t = r.trimap[problem.pixelOf[k]];
-    if (t == kUnknown && problem.flags[k] == 0) continue;
-    values[problem.rowStart[k] - 1] += 1000.0;
-    rhs[k] = t == kUnknown ? 0.5 : t / 255.0;
-  }
-  ASSERT_EQ(mn_sparse_solve_d(values.data(), problem.columns, problem.rowStart,
-                              n, 4, rhs.data(), x.data()),
-            0);
-  const uint64_t solution = Digest({Of(x)});
-  EXPECT_TRUE(solution == kSolutionDigests[0] ||
-              solution == kSolutionDigests[1])
-      << "solution digest " << std::hex << solution;
-
-  const int w = in.w, h = in.h;
-  Plane workAlpha(static_cast<size_t>(r.ww) * r.wh);
-  ff::ipf_resize_nn(in.sample.truth.pixels.data(), w, h, w, 1, workAlpha.data(),
-                    r.ww, r.wh, r.ww, 1, ff::ccn<1>());
-  const Plane alpha = CarryBack(r, workAlpha, in.trimap, w, h, kSmooth);
-  Plane f(static_cast<size_t>(w) * h * 3);
-  mat_estimate_fb_color(in.sample.image.pixels.data(), w, h, 3 * w,
-                        alpha.data(), w, f.data(), 3 * w, nullptr, 0, 1, 253);
-  const uint64_t noSolver = Digest({Of(r.idx), Of(r.wts), Of(alpha), Of(f)});
-  EXPECT_EQ(noSolver, kNoSolverDigest)
-      << "no-solver digest " << std::hex << noSolver;
 }
 
 }  // namespace
