@@ -254,6 +254,7 @@ TEST(MatUpdate, MatchesWindowFormula) {
   };
   const Case cases[] = {
       {15, 11, false, 0.0, 6, 4, 9, 7},   // box well inside
+      {19, 17, false, 0.0, 7, 6, 11, 9},  // grown box clear of every edge
       {9, 9, false, 0.0, 4, 4, 5, 5},     // a single pixel
       {17, 13, true, 0.0, 0, 0, 4, 3},    // box in the corner: clamped
       {13, 9, false, 0.0, 8, 2, 13, 9},   // box at right and bottom edges
