@@ -1,13 +1,17 @@
 // The matting system against the window formula written out densely, both
-// solves against dense elimination, and the options that select a solve
-// against the plain exact path.
+// solves against dense elimination, the options that select a solve against
+// the plain exact path, and the sparse solver's own entry points.
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 
+#include <Eigen/Dense>
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <random>
+#include <string>
 #include <tuple>
 #include <vector>
 
@@ -17,66 +21,38 @@
 
 namespace {
 
-using Dense = std::vector<std::vector<double>>;
+using Matrix = Eigen::MatrixXd;
+using Vector = Eigen::VectorXd;
 constexpr unsigned char kUnknown = 128;
 
-// Gaussian elimination with partial pivoting.
-std::vector<double> GaussSolve(Dense a, std::vector<double> b) {
-  const int n = static_cast<int>(b.size());
-  for (int c = 0; c < n; ++c) {
-    int pivot = c;
-    for (int r = c + 1; r < n; ++r) {
-      if (std::fabs(a[r][c]) > std::fabs(a[pivot][c])) pivot = r;
-    }
-    std::swap(a[c], a[pivot]);
-    std::swap(b[c], b[pivot]);
-    for (int r = c + 1; r < n; ++r) {
-      const double f = a[r][c] / a[c][c];
-      for (int k = c; k < n; ++k) a[r][k] -= f * a[c][k];
-      b[r] -= f * b[c];
-    }
+// A x = 0 solved for the entries that pinned leaves NaN, the others held.
+Vector PinnedSolve(const Matrix& a, Vector x) {
+  std::vector<int> free;
+  for (int k = 0; k < x.size(); ++k) {
+    if (std::isnan(x[k])) free.push_back(k);
   }
-  std::vector<double> x(n);
-  for (int r = n - 1; r >= 0; --r) {
-    double s = b[r];
-    for (int k = r + 1; k < n; ++k) s -= a[r][k] * x[k];
-    x[r] = s / a[r][r];
-  }
+  const Vector held =
+      x.unaryExpr([](double v) { return std::isnan(v) ? 0 : v; });
+  const Vector rhs = -(a * held)(free);
+  const Vector solved = a(free, free).partialPivLu().solve(rhs);
+  x(free) = solved;
   return x;
 }
 
-// A x = 0 solved for the entries that pinned leaves NaN, the others held.
-std::vector<double> PinnedSolve(const Dense& a, std::vector<double> pinned) {
-  std::vector<size_t> free;
-  for (size_t k = 0; k < pinned.size(); ++k) {
-    if (std::isnan(pinned[k])) free.push_back(k);
-  }
-  Dense reduced(free.size(), std::vector<double>(free.size()));
-  std::vector<double> rhs(free.size(), 0.0);
-  for (size_t i = 0; i < free.size(); ++i) {
-    for (size_t j = 0; j < free.size(); ++j)
-      reduced[i][j] = a[free[i]][free[j]];
-    for (size_t k = 0; k < pinned.size(); ++k) {
-      if (!std::isnan(pinned[k])) rhs[i] -= a[free[i]][k] * pinned[k];
-    }
-  }
-  const std::vector<double> x = GaussSolve(reduced, rhs);
-  for (size_t i = 0; i < free.size(); ++i) pinned[free[i]] = x[i];
-  return pinned;
-}
-
 // The full symmetric matrix a stored triangle stands for.
-Dense DenseMatrix(const mat_data& m) {
-  Dense a(m.n, std::vector<double>(m.n, 0.0));
+Matrix DenseMatrix(const mat_data& m) {
+  Matrix a = Matrix::Zero(m.n, m.n);
   for (int r = 0; r < m.n; ++r) {
     for (int e = m.rowStart[r] - 1; e < m.rowStart[r + 1] - 1; ++e) {
-      a[r][m.columns[e] - 1] = a[m.columns[e] - 1][r] = m.values[e];
+      a(r, m.columns[e] - 1) = a(m.columns[e] - 1, r) = m.values[e];
     }
   }
   return a;
 }
 
-// A B, G, R image with padded rows, and a mask with padding of its own.
+// A B, G, R image with padded rows, and a mask with padding of its own:
+// random noise, or a faint texture whose window covariance is of the
+// regulariser's size, where its exact value shows most.
 struct Scene {
   int width, height, stride, maskStride;
   std::vector<unsigned char> image, mask;
@@ -84,8 +60,6 @@ struct Scene {
   bool Masked(int x, int y) const { return mask[y * maskStride + x] != 0; }
 };
 
-// Random noise, or a faint texture whose window covariance is of the
-// regulariser's size, where its exact value shows most.
 template <typename MaskAt>
 Scene MakeScene(int width, int height, uint32_t seed, bool flat,
                 MaskAt maskAt) {
@@ -108,10 +82,24 @@ auto Box(int x0, int y0, int x1, int y1) {
     return x >= x0 && x < x1 && y >= y0 && y < y1 ? 255 : 0;
   };
 }
+const auto kNoMask = Box(0, 0, 0, 0);
 
-void Build(const Scene& s, const mat_data& previous, mat_data& out) {
-  mat_update(s.image.data(), s.width, s.height, s.stride, s.mask.data(),
-             s.maskStride, previous, out, nullptr);
+void Build(const Scene& s, const mat_data& previous, mat_data& out,
+           const mat_options* options = nullptr) {
+  if (options == nullptr) {
+    mat_update(s.image.data(), s.width, s.height, s.stride, s.mask.data(),
+               s.maskStride, previous, out, nullptr);
+  } else {
+    mat_update(s.image.data(), s.width, s.height, s.stride, s.mask.data(),
+               s.maskStride, out, *options);
+  }
+}
+
+mat_options Fine(double epsilon = mat_options().epsilon) {
+  mat_options o;
+  o.solver = MAT_SOLVER_FINE;
+  o.epsilon = epsilon;
+  return o;
 }
 
 // Adds to w (dense over all pixels) the affinity (1 + (I_i - m)^T (C + eps
@@ -120,7 +108,7 @@ void Build(const Scene& s, const mat_data& previous, mat_data& out) {
 // sums; else double colours and a two-pass covariance.
 template <typename Keep>
 void AddWindow(const Scene& s, int cx, int cy, double eps, bool single,
-               Keep keep, std::vector<double>& w) {
+               Keep keep, Matrix& w) {
   double v[9][3], mean[3] = {};
   int pixel[9];
   for (int i = 0; i < 9; ++i) {
@@ -132,35 +120,30 @@ void AddWindow(const Scene& s, int cx, int cy, double eps, bool single,
       mean[a] += single ? v[i][a] : v[i][a] / 9.0;
     }
   }
-  if (single) {
-    for (double& m : mean) m /= 9.0;
-  }
-  Dense cov(3, std::vector<double>(3, 0.0));
+  for (double& m : mean) m /= single ? 9.0 : 1.0;
+  Eigen::Matrix3d cov = eps * Eigen::Matrix3d::Identity();
   for (int a = 0; a < 3; ++a) {
     for (int b = 0; b < 3; ++b) {
+      double c = 0.0;
       for (int i = 0; i < 9; ++i) {
-        cov[a][b] += single ? static_cast<float>(static_cast<float>(v[i][a]) *
-                                                 static_cast<float>(v[i][b]))
-                            : (v[i][a] - mean[a]) * (v[i][b] - mean[b]) / 9.0;
+        c += single ? static_cast<float>(static_cast<float>(v[i][a]) *
+                                         static_cast<float>(v[i][b]))
+                    : (v[i][a] - mean[a]) * (v[i][b] - mean[b]) / 9.0;
       }
-      if (single) cov[a][b] = cov[a][b] / 9.0 - mean[a] * mean[b];
+      cov(a, b) = (single ? c / 9.0 - mean[a] * mean[b] : c) + cov(a, b);
     }
-    cov[a][a] += eps;
   }
-  std::vector<double> d[9], y[9];
+  Eigen::Matrix<double, 3, 9> d;
   for (int j = 0; j < 9; ++j) {
-    for (int a = 0; a < 3; ++a) d[j].push_back(v[j][a] - mean[a]);
-    y[j] = GaussSolve(cov, d[j]);
+    for (int a = 0; a < 3; ++a) d(a, j) = v[j][a] - mean[a];
   }
-  const size_t pixels = static_cast<size_t>(s.width) * s.height;
+  const Eigen::Matrix<double, 3, 9> y = cov.partialPivLu().solve(d);
   for (int i = 0; i < 9; ++i) {
     for (int j = i + 1; j < 9; ++j) {
       if (!keep(pixel[i], pixel[j])) continue;
-      const double a =
-          (1.0 + d[i][0] * y[j][0] + d[i][1] * y[j][1] + d[i][2] * y[j][2]) /
-          9.0;
-      w[pixel[i] * pixels + pixel[j]] += a;
-      w[pixel[j] * pixels + pixel[i]] += a;
+      const double a = (1.0 + d.col(i).dot(y.col(j))) / 9.0;
+      w(pixel[i], pixel[j]) += a;
+      w(pixel[j], pixel[i]) += a;
     }
   }
 }
@@ -171,12 +154,12 @@ void AddWindow(const Scene& s, int cx, int cy, double eps, bool single,
 // earlier affinity and the listed later ones. Full rows sum to zero.
 template <typename Listed>
 void ExpectTriangle(const mat_data& m, const std::vector<int>& pixelOf,
-                    const std::vector<double>& w, int pixels, Listed listed) {
+                    const Matrix& w, Listed listed) {
   auto tolerance = [](double v) { return 1e-9 * (1.0 + std::fabs(v)); };
   std::vector<double> rowSum(m.n, 0.0);
   ASSERT_EQ(m.rowStart[0], 1);
   for (int k = 0; k < m.n; ++k) {
-    auto affinity = [&](int q) { return w[pixelOf[k] * pixels + pixelOf[q]]; };
+    auto affinity = [&](int q) { return w(pixelOf[k], pixelOf[q]); };
     const int first = m.rowStart[k] - 1, end = m.rowStart[k + 1] - 1;
     ASSERT_EQ(m.columns[first], k + 1);
     double diagonal = 0.0;
@@ -246,7 +229,7 @@ void ExpectBandProblem(const Scene& s, const mat_data& m) {
   const int n = static_cast<int>(pixelOf.size());
   ASSERT_EQ(std::make_tuple(m.n, m.systemCount, m.unknownCount),
             std::make_tuple(n, n, n));
-  std::vector<double> w(static_cast<size_t>(pixels) * pixels, 0.0);
+  Matrix w = Matrix::Zero(pixels, pixels);
   auto both = [&](int p, int q) { return number[p] >= 0 && number[q] >= 0; };
   for (int y = top; y < bottom; ++y) {
     for (int x = left; x < right; ++x) {
@@ -256,7 +239,7 @@ void ExpectBandProblem(const Scene& s, const mat_data& m) {
     }
   }
   // A row lists every later unknown a 3 x 3 window can reach.
-  ExpectTriangle(m, pixelOf, w, pixels, [&](int k, int q) {
+  ExpectTriangle(m, pixelOf, w, [&](int k, int q) {
     const int p = pixelOf[k], o = pixelOf[q], width = s.width;
     return std::abs(p % width - o % width) <= 2 && o / width - p / width <= 2;
   });
@@ -271,6 +254,7 @@ TEST(MatUpdate, MatchesWindowFormula) {
   };
   const Case cases[] = {
       {15, 11, false, 0.0, 6, 4, 9, 7},   // box well inside
+      {19, 17, false, 0.0, 7, 6, 11, 9},  // grown box clear of every edge
       {9, 9, false, 0.0, 4, 4, 5, 5},     // a single pixel
       {17, 13, true, 0.0, 0, 0, 4, 3},    // box in the corner: clamped
       {13, 9, false, 0.0, 8, 2, 13, 9},   // box at right and bottom edges
@@ -333,7 +317,7 @@ TEST(MatUpdate, ReuseGivesTheFreshMatrix) {
     EXPECT_TRUE(Contents(first) == Contents(fresh));
     // An empty mask leaves the record as it was.
     const double* values = first.values;
-    Build(MakeScene(27, 19, 43, flat, Box(0, 0, 0, 0)), first, first);
+    Build(MakeScene(27, 19, 43, flat, kNoMask), first, first);
     EXPECT_EQ(first.values, values);
     EXPECT_TRUE(Contents(first) == Contents(fresh));
   }
@@ -347,10 +331,9 @@ TEST(MatInit, MatchesWindowFormulaWithThresholdedForwardEntries) {
     for (int height : {1, 3, 6}) {
       SCOPED_TRACE(testing::Message() << width << "x" << height);
       ++seed;
-      const Scene s =
-          MakeScene(width, height, seed, seed % 2 == 0, Box(0, 0, 0, 0));
+      const Scene s = MakeScene(width, height, seed, seed % 2 == 0, kNoMask);
       const int n = width * height;
-      std::vector<double> w(static_cast<size_t>(n) * n, 0.0);
+      Matrix w = Matrix::Zero(n, n);
       for (int y = 1; y < height - 1; ++y) {
         for (int x = 1; x < width - 1; ++x) {
           AddWindow(
@@ -364,9 +347,8 @@ TEST(MatInit, MatchesWindowFormulaWithThresholdedForwardEntries) {
       EXPECT_TRUE(!m.pixelOf && !m.flags && !m.indexMap);
       std::vector<int> pixelOf(n);
       for (int p = 0; p < n; ++p) pixelOf[p] = p;
-      ExpectTriangle(m, pixelOf, w, n, [&](int k, int q) {
-        return std::fabs(w[k * n + q]) > 1e-10;
-      });
+      ExpectTriangle(m, pixelOf, w,
+                     [&](int k, int q) { return std::fabs(w(k, q)) > 1e-10; });
     }
   }
 }
@@ -458,20 +440,20 @@ TEST(MatRun, MatchesDenseSolveWithPinnedKnownsAndRing) {
     const std::vector<double> values(m.values, m.values + m.rowStart[m.n] - 1);
 
     // Known and ring pixels are pulled to their values by a weight of 1000.
-    Dense a = DenseMatrix(m);
-    std::vector<double> rhs(m.n, 0.0);
+    Matrix a = DenseMatrix(m);
+    Vector rhs = Vector::Zero(m.n);
     int pinnedToAlpha = 0;
     for (int k = 0; k < m.n; ++k) {
       const int p = m.pixelOf[k];
       const bool known = trimap[p] != kUnknown;
       if (known || ring[k] == 1) {
-        a[k][k] += 1000.0;
+        a(k, k) += 1000.0;
         rhs[k] = (known ? trimap[p] : before[p]) * 1000.0 / 255.0;
         pinnedToAlpha += !known;
       }
     }
     ASSERT_GT(pinnedToAlpha, 0);
-    const std::vector<double> x = GaussSolve(a, rhs);
+    const Vector x = a.partialPivLu().solve(rhs);
 
     ASSERT_EQ(mat_run(m, trimap.data(), alpha.data(), nullptr), 0);
     std::vector<unsigned char> want = before;
@@ -503,7 +485,7 @@ TEST(MatRun, MatchesDenseSolveWithPinnedKnownsAndRing) {
 void ExpectFineMatchesDenseSolve(mat_data& m,
                                  const std::vector<unsigned char>& trimap,
                                  const std::vector<unsigned char>& alpha) {
-  std::vector<double> pinned(m.n, std::nan(""));
+  Vector pinned = Vector::Constant(m.n, std::nan(""));
   for (int k = 0; k < m.n; ++k) {
     const int p = m.pixelOf != nullptr ? m.pixelOf[k] : k;
     if (trimap[p] != kUnknown) {
@@ -512,11 +494,9 @@ void ExpectFineMatchesDenseSolve(mat_data& m,
       pinned[k] = alpha[p] / 255.0;
     }
   }
-  const std::vector<double> want = PinnedSolve(DenseMatrix(m), pinned);
-  mat_options options;
-  options.solver = MAT_SOLVER_FINE;
+  const Vector want = PinnedSolve(DenseMatrix(m), pinned);
   std::vector<double> x(m.n);
-  ASSERT_EQ(mat_solve(m, trimap.data(), alpha.data(), x.data(), options), 0);
+  ASSERT_EQ(mat_solve(m, trimap.data(), alpha.data(), x.data(), Fine()), 0);
   for (int k = 0; k < m.n; ++k) {
     if (std::isnan(pinned[k])) {
       EXPECT_NEAR(x[k], want[k], 1e-9) << "unknown " << k;
@@ -527,21 +507,18 @@ void ExpectFineMatchesDenseSolve(mat_data& m,
 }
 
 TEST(MatSolve, FineMatchesDenseSolveOfTheFreeUnknowns) {
-  mat_options options;
-  options.solver = MAT_SOLVER_FINE;
+  const mat_options fine = Fine();
   for (uint32_t seed : {4u, 5u}) {
     // A band with pixel positions, whose ordering works on pixel blocks.
     const int w = 41 + 2 * static_cast<int>(seed), h = 29;
     std::vector<unsigned char> trimap;
-    const Scene s = BandScene(w, h, seed, trimap);
     mat_data band;
-    mat_update(s.image.data(), w, h, s.stride, s.mask.data(), s.maskStride,
-               band, options);
+    Build(BandScene(w, h, seed, trimap), band, band, &fine);
     const std::vector<unsigned char> alpha =
         softmatte_test::RandomPlane(w, h, w, seed + 20);
     ExpectFineMatchesDenseSolve(band, trimap, alpha);
     // A whole-image problem, without them.
-    const Scene small = MakeScene(w - 26, 13, seed, false, Box(0, 0, 0, 0));
+    const Scene small = MakeScene(w - 26, 13, seed, false, kNoMask);
     mat_data whole;
     mat_init(small.image.data(), w - 26, 13, small.stride, whole, nullptr);
     trimap = softmatte_test::RandomPlane(w - 26, 13, w - 26, seed + 30);
@@ -557,7 +534,7 @@ TEST(MatSolve, FineMatchesDenseSolveOfTheFreeUnknowns) {
 // solves have a unique solution. The mask marks the undecided pixels.
 Scene StripScene(int w, int h, uint32_t seed,
                  std::vector<unsigned char>& trimap) {
-  Scene s = MakeScene(w, h, seed, false, Box(0, 0, 0, 0));
+  Scene s = MakeScene(w, h, seed, false, kNoMask);
   std::mt19937 rng(seed);
   trimap.assign(static_cast<size_t>(w) * h, 0);
   for (int y = 0; y < h; ++y) {
@@ -591,7 +568,7 @@ TEST(FineSolve, MatchesADenseSolveOfTheWindowEnergy) {
       const Scene s =
           StripScene(w, h, static_cast<uint32_t>(w * 31 + h), trimap);
       const int n = w * h;
-      std::vector<double> aff(static_cast<size_t>(n) * n, 0.0);
+      Matrix aff = Matrix::Zero(n, n);
       for (int cy = 1; cy < h - 1; ++cy) {
         for (int cx = 1; cx < w - 1; ++cx) {
           bool undecided = false;
@@ -604,23 +581,17 @@ TEST(FineSolve, MatchesADenseSolveOfTheWindowEnergy) {
           }
         }
       }
-      Dense laplacian(n, std::vector<double>(n, 0.0));
-      std::vector<double> pinned(n, std::nan(""));
+      Matrix laplacian = -aff;
+      laplacian.diagonal() += aff.rowwise().sum();
+      Vector pinned(n);
       for (int p = 0; p < n; ++p) {
-        for (int q = 0; q < n; ++q) {
-          laplacian[p][q] -= aff[p * n + q];
-          laplacian[p][p] += aff[p * n + q];
-        }
-        if (trimap[p] != kUnknown) pinned[p] = trimap[p] / 255.0;
+        pinned[p] = trimap[p] != kUnknown ? trimap[p] / 255.0 : std::nan("");
       }
-      const std::vector<double> want = PinnedSolve(laplacian, pinned);
+      const Vector want = PinnedSolve(laplacian, pinned);
 
-      mat_options options;
-      options.solver = MAT_SOLVER_FINE;
-      options.epsilon = epsilon;
+      const mat_options options = Fine(epsilon);
       mat_data m;
-      mat_update(s.image.data(), w, h, s.stride, s.mask.data(), s.maskStride, m,
-                 options);
+      Build(s, m, m, &options);
       std::vector<unsigned char> previous = trimap;
       std::vector<double> x(m.n, -7.0);
       ASSERT_EQ(mat_solve(m, trimap.data(), previous.data(), x.data(), options),
@@ -645,8 +616,7 @@ TEST(FineSolve, MatchesADenseSolveOfTheWindowEnergy) {
   std::vector<unsigned char> trimap;
   const Scene s = StripScene(8, 6, 3, trimap);
   trimap.assign(48, kUnknown);
-  mat_options options;
-  options.solver = MAT_SOLVER_FINE;
+  const mat_options options = Fine();
   mat_data m;
   mat_update(s.image.data(), 8, 6, s.stride, trimap.data(), 8, m, options);
   std::vector<double> x(m.n, -7.0);
@@ -660,28 +630,27 @@ TEST(FineSolve, MatchesADenseSolveOfTheWindowEnergy) {
 // Value-initialised options are the exact path, bit for bit: the system,
 // the solution and the session's matte.
 TEST(SolveOptions, DefaultsGiveTheExactPathBitForBit) {
+  const mat_options defaults;
   for (uint32_t seed : {1u, 2u, 3u}) {
-    const int w = 15 + static_cast<int>(seed), h = 11;
     std::vector<unsigned char> trimap;
-    const Scene s = StripScene(w, h, seed, trimap);
+    const Scene s = StripScene(15 + static_cast<int>(seed), 11, seed, trimap);
     mat_data plain, optioned;
     Build(s, plain, plain);
-    mat_update(s.image.data(), w, h, s.stride, s.mask.data(), s.maskStride,
-               optioned, mat_options());
+    Build(s, optioned, optioned, &defaults);
     ASSERT_EQ(plain.n, optioned.n);
     ASSERT_EQ(std::memcmp(plain.values, optioned.values,
                           sizeof(double) * (plain.rowStart[plain.n] - 1)),
               0);
     std::vector<unsigned char> a = trimap, b = trimap;
     mat_run(plain, trimap.data(), a.data(), nullptr);
-    mat_run(optioned, trimap.data(), b.data(), mat_options());
+    mat_run(optioned, trimap.data(), b.data(), defaults);
     EXPECT_EQ(a, b);
   }
   std::vector<unsigned char> trimap, a(1200), b(1200);
   const Scene s = StripScene(40, 30, 9, trimap);
   DSCMatting plain(s.image.data(), 40, 30, s.stride, 20);
   DSCMatting optioned(s.image.data(), 40, 30, s.stride, 20);
-  optioned.SetSolveOptions(mat_options());
+  optioned.SetSolveOptions(defaults);
   plain.Refine(trimap.data(), 40, 30, 40, a.data(), 40, 3, 0);
   optioned.Refine(trimap.data(), 40, 30, 40, b.data(), 40, 3, 0);
   EXPECT_EQ(a, b);
@@ -701,8 +670,7 @@ TEST(FinePhotos, MeanSadStaysBelowTheMeasuredBound) {
     const unsigned char* trimap = sample.trimap.pixels.data();
     std::vector<unsigned char> mask(sample.trimap.pixels.size());
     for (size_t p = 0; p < mask.size(); ++p) mask[p] = trimap[p] == kUnknown;
-    mat_options options;
-    options.solver = MAT_SOLVER_FINE;
+    const mat_options options = Fine();
     mat_data m;
     mat_update(sample.image.pixels.data(), w, h, 3 * w, mask.data(), w, m,
                options);
@@ -713,6 +681,47 @@ TEST(FinePhotos, MeanSadStaysBelowTheMeasuredBound) {
   }
   if (count == 0) GTEST_SKIP() << "alphamatting photos not found";
   EXPECT_LT(sum / count, 1.06) << "mean SAD " << sum / count;
+}
+
+// Row 1 of a 3 x 3 triangle lists, after its diagonal, a column past the
+// matrix, its own column again, or one left of the diagonal.
+TEST(MnSparseSolveD, InconsistentTriangleIsRejectedWithMessage) {
+  for (int bad : {7, 2, 1}) {
+    const std::vector<double> values = {2.0, 2.0, 0.5, 2.0}, rhs = {1, 1, 1};
+    const std::vector<int> columns = {1, 2, bad, 3}, rowStart = {1, 2, 4, 5};
+    std::vector<double> x(3, -123.0);
+    testing::internal::CaptureStdout();
+    const int result =
+        mn_sparse_solve_d(values.data(), columns.data(), rowStart.data(), 3, 4,
+                          rhs.data(), x.data());
+    fflush(stdout);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "error number of unknowns")
+        << "column " << bad;
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(x, std::vector<double>(3, -123.0)) << "nothing is solved";
+  }
+}
+
+// The solver's tuning values only count if SuperLU, which calls sp_ienv
+// through its PLT, ends up in ours rather than its own.
+TEST(SpIenv, OursIsTheDefinitionSuperLuBindsTo) {
+  void* found = dlsym(RTLD_DEFAULT, "sp_ienv");
+  ASSERT_NE(found, nullptr);
+  Dl_info where, self;
+  ASSERT_NE(dladdr(found, &where), 0);
+  ASSERT_NE(dladdr(reinterpret_cast<void*>(&mn_sparse_solve_d), &self), 0);
+  // A static build links our definition into this executable instead.
+  const std::string object = where.dli_fname;
+  EXPECT_TRUE(object.find("softmatte") != std::string::npos ||
+              object == self.dli_fname)
+      << "sp_ienv resolves to " << object;
+  auto ienv = reinterpret_cast<int (*)(int)>(found);
+  const int want[8] = {0, 12, 6, 100, 200, 60, 20, 10};
+  for (int ispec = 0; ispec < 8; ++ispec) {
+    EXPECT_EQ(ienv(ispec), want[ispec]) << "ispec " << ispec;
+  }
+  for (int ispec : {-1, 8, 100}) EXPECT_EQ(ienv(ispec), 0) << ispec;
 }
 
 }  // namespace
