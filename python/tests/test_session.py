@@ -16,11 +16,11 @@ from conftest import ROOT, band_trimap, read_png
 BAND = (4, 0.3)
 
 
-@pytest.mark.parametrize("work_size, quality, epsilon",
-                         [(1000, "exact", None), (30, "fine", 1e-5)])
-def test_solves_are_soft_only_near_the_edge(scene, work_size, quality,
-                                            epsilon):
+@pytest.mark.parametrize("work_size", [1000, 30])
+@pytest.mark.parametrize("quality", ["exact", "fine"])
+def test_solves_are_soft_only_near_the_edge(scene, work_size, quality):
     photo, mask = scene
+    epsilon = None if work_size > 30 else 1e-5
     session = softmatte.Session(photo, work_size, quality=quality)
     trimap = band_trimap(mask, 3)
     # Beyond the band and the smoothing's reach a session's matte is the
