@@ -4,6 +4,8 @@
 // What every harness shares: reading parameters and pixels from the fuzzer's
 // bytes, planes whose row padding and end are guarded, and the trap that
 // reports a broken invariant as a crash.
+#include <algorithm>
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -16,10 +18,9 @@
 class FuzzInput {
  public:
   FuzzInput(const uint8_t* data, size_t size) : data_(data), size_(size) {}
-
   size_t remaining() const { return size_ - pos_; }
-
   uint8_t Byte() { return pos_ < size_ ? data_[pos_++] : 0; }
+  bool Bool() { return Byte() & 1; }
 
   // A value in [lo, hi], from one byte when the range fits in it, else two.
   int Int(int lo, int hi) {
@@ -28,8 +29,6 @@ class FuzzInput {
     if (span > 256) v = (v << 8) | Byte();
     return lo + static_cast<int>(v % span);
   }
-
-  bool Bool() { return Byte() & 1; }
 
   // Fills n bytes from the input, zeros once it is spent.
   void Bytes(uint8_t* out, size_t n) {
@@ -74,6 +73,9 @@ struct SentinelPlane {
         used(used_),
         sentinel(sentinel_),
         data(static_cast<size_t>(rows_ - 1) * step_ + used_, sentinel_) {}
+  // Row padding of 0 to 7 elements, from the input.
+  SentinelPlane(FuzzInput& in, int rows_, int used_, T sentinel_ = kSentinel)
+      : SentinelPlane(rows_, used_ + in.Int(0, 7), used_, sentinel_) {}
 
   T* p() { return data.data(); }
   T* row(int y) { return p() + static_cast<size_t>(y) * step; }
@@ -96,21 +98,68 @@ struct SentinelPlane {
   T sentinel;
   std::vector<T> data;
 };
+using Plane = SentinelPlane<uint8_t>;
 
 // Colour bytes for a width x height three-channel plane: raw, or drawn from a
 // four-colour palette so that flat areas, repeated colours and exact blends
 // turn up often.
-inline void FillColours(FuzzInput& in, SentinelPlane<uint8_t>& plane, int width,
-                        int height, bool palette, const uint8_t (*colours)[3]) {
-  if (!palette) {
-    for (int y = 0; y < height; ++y) in.Bytes(plane.row(y), size_t(width) * 3);
-    return;
-  }
+inline void FillColours(FuzzInput& in, Plane& plane, int width, int height,
+                        bool palette, const uint8_t (*colours)[3]) {
+  if (!palette) return plane.Fill(in);
   ForEach(width, height, [&](int x, int y) {
-    const uint8_t* c = colours[in.Byte() & 3];
-    std::memcpy(plane.row(y) + 3 * x, c, 3);
+    std::memcpy(&plane.at(3 * x, y), colours[in.Byte() & 3], 3);
   });
 }
+
+// A mask-like plane (one channel) from the data: up to four discs, some cut
+// by the border, with a soft edge of a width from the data unless hard, and
+// capped now and then so that the subject or the background is missing; or
+// raw bytes.
+inline void FillShapes(FuzzInput& in, Plane& plane, bool hard = false) {
+  const uint8_t shape = in.Byte();
+  if (shape & 1) return plane.Fill(in);
+  const int width = plane.used, height = plane.rows;
+  const int discs = 1 + (shape >> 1) % 4, cap = shape >> 3 & 3;
+  const int ramp = hard ? 0 : in.Int(0, 24);
+  int cx[4], cy[4], r[4];
+  for (int k = 0; k < discs; ++k) {
+    cx[k] = in.Int(-8, width + 8), cy[k] = in.Int(-8, height + 8);
+    r[k] = in.Int(0, 72);
+  }
+  ForEach(width, height, [&](int x, int y) {
+    int v = 0;
+    for (int k = 0; k < discs; ++k) {
+      // How far inside the disc's edge, in whole pixels, times 255.
+      const int inside =
+          255 * (r[k] - static_cast<int>(std::hypot(x - cx[k], y - cy[k])));
+      v = std::max(v, ramp == 0 ? (inside >= 0 ? 255 : 0)
+                                : std::clamp(128 + inside / ramp, 0, 255));
+    }
+    if (!hard) v = std::clamp(v, cap == 2 ? 30 : 0, cap == 1 ? 200 : 255);
+    plane.at(x, y) = static_cast<uint8_t>(v);
+  });
+}
+
+// A trimap: soft shapes cut into the subject (subject_value), the background
+// (the other of 0 and 255) and an unknown band of 128 between them.
+inline void FillTrimap(FuzzInput& in, Plane& plane, uint8_t subject_value) {
+  FillShapes(in, plane);
+  ForEach(plane.used, plane.rows, [&](int x, int y) {
+    uint8_t& v = plane.at(x, y);
+    v = v < 64 ? 255 - subject_value : v > 191 ? subject_value : 128;
+  });
+}
+
+// The entry point: FUZZ_HARNESS(8) { ... in ... } runs the body on inputs of
+// at least 8 bytes, reading them through `in`.
+#define FUZZ_HARNESS(min_size)                                           \
+  static void FuzzOne(FuzzInput& in);                                    \
+  extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t n) { \
+    FuzzInput in(data, n);                                               \
+    if (n >= (min_size)) FuzzOne(in);                                    \
+    return 0;                                                            \
+  }                                                                      \
+  static void FuzzOne(FuzzInput& in)
 
 // Harnesses over the solver: it reports every system size on standard output,
 // and a run of millions would spend its time printing.

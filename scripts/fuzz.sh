@@ -3,7 +3,7 @@
 # UndefinedBehaviorSanitizer and runs each one on its committed corpus.
 #
 #   scripts/fuzz.sh                 # every harness, 30 s each (CI: 15 s)
-#   scripts/fuzz.sh 600 trimap_fuzz # one harness for ten minutes
+#   scripts/fuzz.sh 600 planes_fuzz # one harness for ten minutes
 #   GROW=1 scripts/fuzz.sh 600      # also add new inputs to fuzz/corpus/
 #
 # A crash, a sanitizer report or a leak stops the run with a non-zero exit;

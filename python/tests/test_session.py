@@ -20,26 +20,22 @@ BAND = (4, 0.3)
 @pytest.mark.parametrize("quality", ["exact", "fine"])
 def test_solves_are_soft_only_near_the_edge(scene, work_size, quality):
     photo, mask = scene
+    epsilon = None if work_size > 30 else 1e-5
     session = softmatte.Session(photo, work_size, quality=quality)
     trimap = band_trimap(mask, 3)
     # Beyond the band and the smoothing's reach a session's matte is the
     # mask's; the solve alone keeps every known pixel.
     far = band_trimap(mask, 8) != 128
-    epsilon = None if work_size > 30 else 1e-5
-    for solve, known in [
-            (lambda: session.matte_from_mask(mask, band=BAND), far),
-            (lambda: session.refine(trimap), far),
-            (lambda: softmatte.solve_alpha(photo, trimap, quality=quality,
-                                           epsilon=epsilon), trimap != 128)]:
-        alpha = solve()
+    refined = session.refine(trimap)
+    np.testing.assert_array_equal(session.alpha, refined)
+    for alpha, known in [
+            (refined, far), (session.matte_from_mask(mask, band=BAND), far),
+            (softmatte.solve_alpha(photo, trimap, quality=quality,
+                                   epsilon=epsilon), trimap != 128)]:
         np.testing.assert_array_equal(alpha[known], mask[known])
-        assert len(np.unique(alpha[~known])) > 10
         # The band's inner half leans to the subject, its outer half away.
         inner, outer = alpha[~known & (mask > 0)], alpha[~known & (mask == 0)]
         assert 0 < outer.mean() < 128 < inner.mean() < 255
-        if known is far:
-            np.testing.assert_array_equal(session.alpha, alpha)
-            assert session.foreground().shape == photo.shape
     np.testing.assert_array_equal(softmatte.solve_alpha(photo, mask), mask)
 
 
@@ -52,67 +48,51 @@ STROKES = [("erode", {}, -1), ("dilate", {}, +1), ("subject", {}, +1),
 
 
 @pytest.mark.parametrize("mode, settings, direction", STROKES)
-def test_strokes_change_only_their_dab_undo_and_recolour(scene, mode,
-                                                         settings, direction):
+def test_strokes_change_only_their_dab_and_undo(scene, mode, settings,
+                                                direction):
     photo, mask = scene
     session = softmatte.Session(photo)
     before = session.matte_from_mask(mask, band=BAND)
-    colours = session.foreground()
+    assert not session.stroke(mode, [(-50, -50)], **settings)  # off the photo
     # Along the disc's top edge, so that every brush has work.
     assert session.stroke(mode, [(30 + dx, 7) for dx in (-6, 0, 6)],
                           radius=6, **settings)
     change = session.alpha.astype(int) - before
     assert change.any() and (change * direction >= 0).all()
-    assert not change[:, :18].any() and not change[:, 43:].any()
-    assert not change[14:].any()
+    assert not (change[:, :18].any() or change[:, 43:].any()
+                or change[14:].any())
     # The colours follow the edited matte.
     fresh = softmatte.Session(photo)
     fresh.alpha = session.alpha
     np.testing.assert_array_equal(session.foreground(), fresh.foreground())
-    assert session.undoable == 1
-    assert session.undo() and not session.undo()
+    assert session.undoable == 1 and session.undo() and not session.undo()
     np.testing.assert_array_equal(session.alpha, before)
-    np.testing.assert_array_equal(session.foreground(), colours)
-
-
-@pytest.mark.parametrize("x, y", [(30, 22), (0, 0), (60, 46)])
-def test_a_dab_covers_its_square_clipped_to_the_photo(scene, x, y):
-    session = softmatte.Session(scene[0])
-    session.alpha = np.zeros_like(scene[1])
-    assert session.stroke("subject", [(x, y)], radius=4)
-    want = np.zeros(scene[1].shape, bool)
-    want[max(y - 4, 0):y + 5, max(x - 4, 0):x + 5] = True
-    np.testing.assert_array_equal(session.alpha > 0, want)
-    assert session.alpha[y, x] == 254  # full weight stops a step short
-    assert not session.stroke("subject", [(-50, -50)])  # off the photo
-
-
-def edit(session, mask):
-    session.matte_from_mask(mask, band=BAND)
-    session.stroke("dilate", [(20, 20), (25, 25)], radius=5)
-    session.stroke("background", [(35, 15)], radius=4)
-    return session.alpha, session.foreground()
 
 
 def test_sessions_on_threads_give_the_results_in_turn(scene):
     photo, mask = scene
-    photos = [photo, np.ascontiguousarray(photo[::-1])]
-    masks = [mask, np.ascontiguousarray(mask[::-1])]
+    cases = [(photo, mask), (photo[::-1].copy(), mask[::-1].copy())]
+
+    def edit(session, mask):
+        session.matte_from_mask(mask, band=BAND)
+        session.stroke("dilate", [(20, 20), (25, 25)], radius=5)
+        session.stroke("background", [(35, 15)], radius=4)
+        return session.alpha, session.foreground()
+
+    def work(case):
+        return (edit(softmatte.Session(case[0]), case[1]),
+                softmatte.cutout(case[0], mask=case[1], band=BAND).alpha)
+
     shared = softmatte.Session(photo)
     with ThreadPoolExecutor(2) as pool:
-        got = pool.map(lambda i: edit(softmatte.Session(photos[i]), masks[i]),
-                       range(2))
-        cutouts = pool.map(lambda i: softmatte.cutout(
-            photos[i], mask=masks[i], band=BAND).alpha, range(2))
+        got = list(pool.map(work, cases))
         # One session shared by both threads: the calls take turns.
-        both = pool.map(lambda i: edit(shared, mask), range(2))
-    for i, (alpha, colours) in enumerate(got):
-        want = edit(softmatte.Session(photos[i]), masks[i])
-        np.testing.assert_array_equal(alpha, want[0])
-        np.testing.assert_array_equal(colours, want[1])
-    for i, alpha in enumerate(cutouts):
-        np.testing.assert_array_equal(alpha, softmatte.cutout(
-            photos[i], mask=masks[i], band=BAND).alpha)
+        both = list(pool.map(lambda _: edit(shared, mask), range(2)))
+    for case, ((alpha, colours), cut) in zip(cases, got):
+        (want_alpha, want_colours), want_cut = work(case)
+        np.testing.assert_array_equal(alpha, want_alpha)
+        np.testing.assert_array_equal(colours, want_colours)
+        np.testing.assert_array_equal(cut, want_cut)
     assert all(alpha.shape == mask.shape for alpha, _ in both)
 
 

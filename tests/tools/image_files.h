@@ -1,6 +1,7 @@
-// Image files made on the spot for the tool's tests: JPEGs in any colour
-// space with an optional Exif block, and PNG and JPEG files edited to claim
-// another size or to carry another chunk.
+// What the tool's tests share: a scratch folder per test, reading a picture,
+// and image files made on the spot: JPEGs in any colour space with an
+// optional Exif block, and PNG and JPEG files edited to claim another size or
+// to carry another chunk.
 #ifndef SOFTMATTE_TESTS_TOOLS_IMAGE_FILES_H_
 #define SOFTMATTE_TESTS_TOOLS_IMAGE_FILES_H_
 
@@ -11,14 +12,37 @@
 #include <zlib.h>
 
 #include <cstdint>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
 
 #include "gtest/gtest.h"
+#include "image_io.h"
 
 namespace tool_test {
+
+// A fresh folder for each test, removed with everything in it afterwards.
+class ScratchDir : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char pattern[] = "/tmp/softmatte_test_XXXXXX";
+    ASSERT_NE(mkdtemp(pattern), nullptr);
+    dir_ = pattern;
+  }
+  void TearDown() override { std::filesystem::remove_all(dir_); }
+  std::filesystem::path dir_;
+};
+
+inline softmatte_tool::Picture Load(const std::filesystem::path& path,
+                                    softmatte_tool::Layout layout) {
+  softmatte_tool::Picture picture;
+  std::string error;
+  EXPECT_TRUE(softmatte_tool::ReadPicture(path, layout, &picture, &error))
+      << error;
+  return picture;
+}
 
 inline std::string Slurp(const std::filesystem::path& path) {
   std::ifstream in(path, std::ios::binary);
@@ -90,33 +114,21 @@ inline std::string PngChunk(const std::string& type, const std::string& data) {
          BigEndian(static_cast<uint32_t>(crc), 4);
 }
 
-// The PNG with another chunk right after its header chunk.
-inline std::string WithPngChunk(const std::string& png,
-                                const std::string& chunk) {
-  constexpr size_t kAfterHeader = 8 + 25;  // signature, IHDR chunk
-  return png.substr(0, kAfterHeader) + chunk + png.substr(kAfterHeader);
-}
-
-// The PNG with a header that claims width x height pixels.
-inline std::string WithPngSize(const std::string& png, uint32_t width,
-                               uint32_t height) {
+// The PNG with a header chunk that claims width x height pixels, and with
+// extra (whole chunks) right after it.
+inline std::string EditedPng(const std::string& png, uint32_t width,
+                             uint32_t height, const std::string& extra = "") {
   const std::string header = BigEndian(width, 4) + BigEndian(height, 4) +
                              png.substr(24, 5);  // depth, colour type, ...
-  return png.substr(0, 8) + PngChunk("IHDR", header) + png.substr(33);
+  return png.substr(0, 8) + PngChunk("IHDR", header) + extra + png.substr(33);
 }
 
-// The JPEG with a frame header that claims width x height pixels.
+// The JPEG with a frame header that claims width x height pixels. (The
+// tables before it, at quality 100, hold no 0xFF byte.)
 inline std::string WithJpegSize(std::string jpeg, int width, int height) {
-  for (size_t at = 2; at + 9 <= jpeg.size() && jpeg[at] == '\xFF';) {
-    const unsigned marker = static_cast<unsigned char>(jpeg[at + 1]);
-    if (marker >= 0xC0 && marker <= 0xC2) {  // baseline, extended, progressive
-      jpeg.replace(at + 5, 4, BigEndian(height, 2) + BigEndian(width, 2));
-      break;
-    }
-    at += 2 + (static_cast<unsigned char>(jpeg[at + 2]) << 8 |
-               static_cast<unsigned char>(jpeg[at + 3]));
-  }
-  return jpeg;
+  const size_t frame = jpeg.find("\xFF\xC0");
+  EXPECT_NE(frame, std::string::npos);
+  return jpeg.replace(frame + 5, 4, BigEndian(height, 2) + BigEndian(width, 2));
 }
 
 }  // namespace tool_test

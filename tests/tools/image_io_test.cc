@@ -4,13 +4,12 @@
 
 #include "image_io.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <cstdlib>
 #include <filesystem>
 #include <random>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "gtest/gtest.h"
@@ -23,78 +22,52 @@ using softmatte_tool::Layout;
 using softmatte_tool::Picture;
 using namespace tool_test;
 
-class ImageIo : public ::testing::Test {
+class ImageIo : public ScratchDir {
  protected:
-  void SetUp() override {
-    char pattern[] = "/tmp/softmatte_io_XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    dir_ = pattern;
-  }
-  void TearDown() override { fs::remove_all(dir_); }
-
-  // A picture of random colours, width x height.
+  // Smooth waves with some noise, width x height: compressible like a photo.
   static Picture Random(int width, int height, Layout layout) {
     const int c = softmatte_tool::ChannelsOf(layout);
     Picture picture{width, height, c,
                     std::vector<unsigned char>(size_t{1} * width * height * c)};
     std::mt19937 random(width * 100 + height);
-    for (unsigned char& v : picture.pixels) v = random() & 0xFF;
+    for (size_t i = 0; i < picture.pixels.size(); ++i) {
+      const double x = i / c % width, y = i / c / width;
+      picture.pixels[i] = static_cast<unsigned char>(
+          random() % 16 + 110 +
+          100 * std::sin(x / (9 + i % c)) * std::cos(y / 7));
+    }
     return picture;
   }
 
   fs::path Png(const std::string& name, const Picture& picture, Layout layout,
-               const softmatte_tool::PngCompression& compression =
-                   softmatte_tool::PngCompressionForLevel(1)) {
+               int level = 1) {
     std::string error;
-    EXPECT_TRUE(softmatte_tool::WritePngAtomically(dir_ / name, picture, layout,
-                                                   &error, compression))
+    EXPECT_TRUE(softmatte_tool::WritePngAtomically(
+        dir_ / name, picture, layout, &error,
+        softmatte_tool::PngCompressionForLevel(level)))
         << error;
     return dir_ / name;
   }
-
-  static Picture Read(const fs::path& path, Layout layout) {
-    Picture picture;
-    std::string error;
-    EXPECT_TRUE(softmatte_tool::ReadPicture(path, layout, &picture, &error))
-        << error;
-    return picture;
-  }
-
-  fs::path dir_;
 };
 
-// Where the stored first row and first column lie in the upright picture,
-// in the words of the Exif standard's table, for orientations 1 to 8.
-enum Side { kTop, kBottom, kLeft, kRight };
-constexpr std::pair<Side, Side> kSidesOf[9] = {
-    {kTop, kLeft},     {kTop, kLeft},     {kTop, kRight},
-    {kBottom, kRight}, {kBottom, kLeft},  {kLeft, kTop},
-    {kRight, kTop},    {kRight, kBottom}, {kLeft, kBottom}};
-
-// Places each stored pixel by its distance from those two sides.
+// As viewers show a picture of Exif orientation 1 to 8: the stored one
+// transposed for 5 to 8, then mirrored left to right and/or top to bottom.
 Picture UprightReference(const Picture& stored, int orientation) {
-  const auto [row_side, column_side] = kSidesOf[orientation];
-  const bool turned = row_side == kLeft || row_side == kRight;
+  const bool turned = orientation >= 5 && orientation <= 8;
+  const bool mirror_x = orientation % 4 == 2 || orientation % 4 == 3;
+  const bool mirror_y = orientation == 3 || orientation == 4 ||
+                        orientation == 7 || orientation == 8;
+  const int c = stored.channels;
   Picture out{turned ? stored.height : stored.width,
-              turned ? stored.width : stored.height, stored.channels,
+              turned ? stored.width : stored.height, c,
               std::vector<unsigned char>(stored.pixels.size())};
-  const auto place = [&](Side side, int distance, int* x, int* y) {
-    if (side == kTop) *y = distance;
-    if (side == kBottom) *y = out.height - 1 - distance;
-    if (side == kLeft) *x = distance;
-    if (side == kRight) *x = out.width - 1 - distance;
-  };
   for (int sy = 0; sy < stored.height; ++sy) {
     for (int sx = 0; sx < stored.width; ++sx) {
-      int x = 0, y = 0;
-      place(row_side, sy, &x, &y);
-      place(column_side, sx, &x, &y);
-      for (int c = 0; c < stored.channels; ++c) {
-        out.pixels[(size_t{1} * y * out.width + x) * out.channels + c] =
-            stored
-                .pixels[(size_t{1} * sy * stored.width + sx) * stored.channels +
-                        c];
-      }
+      int x = turned ? sy : sx, y = turned ? sx : sy;
+      if (mirror_x) x = out.width - 1 - x;
+      if (mirror_y) y = out.height - 1 - y;
+      std::copy_n(&stored.pixels[(size_t{1} * sy * stored.width + sx) * c], c,
+                  &out.pixels[(size_t{1} * y * out.width + x) * c]);
     }
   }
   return out;
@@ -115,16 +88,14 @@ std::string Tiff(bool motorola, int orientation) {
   return out;
 }
 
-const std::string kExif("Exif\0\0", 6);
-
 TEST_F(ImageIo, TurnsPhotosUprightByTheirExifOrientation) {
   const Picture stored = Random(5, 3, Layout::kBgr);
   SaveJpeg(dir_ / "plain.jpg", stored.pixels.data(), 5, 3);
   const std::string png = Slurp(Png("plain.png", stored, Layout::kBgr));
   // Random colours survive quality 100 within a few steps, in each layout.
   for (Layout layout : {Layout::kBgr, Layout::kBgra, Layout::kRgba}) {
-    const Picture jpeg = Read(dir_ / "plain.jpg", layout);
-    const Picture exact = Read(dir_ / "plain.png", layout);
+    const Picture jpeg = Load(dir_ / "plain.jpg", layout);
+    const Picture exact = Load(dir_ / "plain.png", layout);
     ASSERT_EQ(jpeg.pixels.size(), exact.pixels.size());
     for (size_t i = 0; i < jpeg.pixels.size(); ++i) {
       EXPECT_NEAR(jpeg.pixels[i], exact.pixels[i], 3) << "byte " << i;
@@ -133,15 +104,14 @@ TEST_F(ImageIo, TurnsPhotosUprightByTheirExifOrientation) {
   // The same compressed pixels with an Exif block decode to the same stored
   // pixels, which the block then only moves.
   const auto check = [&](const std::string& tiff, int want) {
-    SaveJpeg(dir_ / "turned.jpg", stored.pixels.data(), 5, 3, kExif + tiff);
-    Spit(dir_ / "turned.png", WithPngChunk(png, PngChunk("eXIf", tiff)));
-    for (const char* kind : {"jpg", "png"}) {
+    SaveJpeg(dir_ / "turned.jpg", stored.pixels.data(), 5, 3,
+             std::string("Exif\0\0", 6) + tiff);
+    Spit(dir_ / "turned.png", EditedPng(png, 5, 3, PngChunk("eXIf", tiff)));
+    for (const std::string kind : {".jpg", ".png"}) {
       for (Layout layout : {Layout::kGrey, Layout::kBgr, Layout::kRgba}) {
-        const Picture plain =
-            Read(dir_ / ("plain." + std::string(kind)), layout);
-        const Picture got =
-            Read(dir_ / ("turned." + std::string(kind)), layout);
-        const Picture expected = UprightReference(plain, want);
+        const Picture got = Load(dir_ / ("turned" + kind), layout);
+        const Picture expected =
+            UprightReference(Load(dir_ / ("plain" + kind), layout), want);
         ASSERT_EQ(got.width, expected.width) << kind;
         ASSERT_EQ(got.height, expected.height) << kind;
         ASSERT_EQ(got.pixels, expected.pixels) << kind;
@@ -178,18 +148,12 @@ TEST_F(ImageIo, TurnsPhotosUprightByTheirExifOrientation) {
   }
 }
 
-// Ink to light as the plain subtractive model has it.
-int Light(int ink, int black) {
-  return ((255 - ink) * (255 - black) + 127) / 255;
-}
-
 TEST_F(ImageIo, ConvertsCmykAndYcckJpegsToRgb) {
   // Flat 8x8 blocks of C, M, Y, K ink.
   const unsigned char inks[][4] = {{0, 0, 0, 0},       {255, 0, 0, 0},
                                    {0, 128, 255, 64},  {40, 200, 30, 0},
                                    {90, 10, 160, 200}, {0, 0, 0, 255}};
-  const int count = sizeof inks / sizeof inks[0];
-  const int width = 8 * count;
+  const int count = sizeof inks / sizeof inks[0], width = 8 * count;
   const struct {
     J_COLOR_SPACE stored;
     bool adobe;
@@ -205,13 +169,15 @@ TEST_F(ImageIo, ConvertsCmykAndYcckJpegsToRgb) {
     }
     SaveJpeg(dir_ / "ink.jpg", cmyk.data(), width, 8, "", JCS_CMYK, kind.stored,
              kind.adobe);
-    const Picture bgr = Read(dir_ / "ink.jpg", Layout::kBgr);
-    const Picture grey = Read(dir_ / "ink.jpg", Layout::kGrey);
+    const Picture bgr = Load(dir_ / "ink.jpg", Layout::kBgr);
+    const Picture grey = Load(dir_ / "ink.jpg", Layout::kGrey);
     ASSERT_EQ(bgr.width, width);
     for (int block = 0; block < count; ++block) {
-      const unsigned char* ink = inks[block];
-      const int rgb[3] = {Light(ink[0], ink[3]), Light(ink[1], ink[3]),
-                          Light(ink[2], ink[3])};
+      // Ink to light as the plain subtractive model has it.
+      int rgb[3];
+      for (int c = 0; c < 3; ++c) {
+        rgb[c] = ((255 - inks[block][c]) * (255 - inks[block][3]) + 127) / 255;
+      }
       const size_t at = 4 * width + 8 * block + 4;
       for (int c = 0; c < 3; ++c) {
         EXPECT_NEAR(bgr.pixels[3 * at + c], rgb[2 - c], 3) << "block " << block;
@@ -224,27 +190,16 @@ TEST_F(ImageIo, ConvertsCmykAndYcckJpegsToRgb) {
 }
 
 TEST_F(ImageIo, PngsReadBackExactlyAtEveryCompression) {
-  // Smooth waves, compressible like a photo.
-  Picture waves = Random(301, 67, Layout::kBgra);
-  for (size_t i = 0; i < waves.pixels.size(); ++i) {
-    const double x = i / 4 % 301, y = i / 4 / 301;
-    waves.pixels[i] = static_cast<unsigned char>(
-        128 + 100 * std::sin(x / (9 + i % 4)) * std::cos(y / 7));
-  }
   std::vector<uintmax_t> sizes;
   for (int level : {0, 1, 9}) {
-    const auto compression = softmatte_tool::PngCompressionForLevel(level);
+    sizes.push_back(0);
     for (Layout layout :
          {Layout::kGrey, Layout::kBgr, Layout::kBgra, Layout::kRgba}) {
-      SCOPED_TRACE("level " + std::to_string(level) + " channels " +
-                   std::to_string(softmatte_tool::ChannelsOf(layout)));
-      const Picture odd = Random(37, 23, layout);
-      EXPECT_EQ(Read(Png("odd.png", odd, layout, compression), layout).pixels,
-                odd.pixels);
+      const Picture waves = Random(301, 67, layout);
+      sizes.back() += fs::file_size(Png("w.png", waves, layout, level));
+      EXPECT_EQ(Load(dir_ / "w.png", layout).pixels, waves.pixels)
+          << "level " << level << " layout " << static_cast<int>(layout);
     }
-    sizes.push_back(
-        fs::file_size(Png("waves.png", waves, Layout::kBgra, compression)));
-    EXPECT_EQ(Read(dir_ / "waves.png", Layout::kBgra).pixels, waves.pixels);
   }
   // Stored, quick, small: each level does compress more.
   EXPECT_GT(sizes[0], sizes[1]);
