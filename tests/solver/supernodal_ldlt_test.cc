@@ -49,17 +49,20 @@ void AddGrid(Symmetric& a, int width, int height, int reach, double sign,
 
 // The upper triangle in compressed columns, unknown k at position[k]; rows
 // come in random order within a column, and some couplings are stored as
-// two entries that add up to them.
+// two entries that add up to them. full: the same as Eigen's own sparse
+// matrix, duplicates summed.
 struct UpperColumns {
   std::vector<int> colStart, rowIndex;
   std::vector<double> values;
+  Eigen::SparseMatrix<double> full;
 };
 
 UpperColumns ToUpperColumns(const Symmetric& a,
                             const std::vector<int>& position,
                             std::mt19937& rng) {
-  std::vector<std::vector<std::pair<int, double>>> columns(a.diagonal.size());
-  for (size_t k = 0; k < a.diagonal.size(); ++k) {
+  const int n = static_cast<int>(a.diagonal.size());
+  std::vector<std::vector<std::pair<int, double>>> columns(n);
+  for (int k = 0; k < n; ++k) {
     columns[position[k]].push_back({position[k], a.diagonal[k]});
   }
   for (const auto& [i, j, value] : a.couplings) {
@@ -69,31 +72,19 @@ UpperColumns ToUpperColumns(const Symmetric& a,
     if (split) columns[q].push_back({p, 0.25 * value});
     columns[q].push_back({p, (split ? 0.75 : 1.0) * value});
   }
-  UpperColumns u;
-  u.colStart.push_back(0);
-  for (auto& column : columns) {
-    std::shuffle(column.begin(), column.end(), rng);
-    for (const auto& [row, value] : column) {
+  UpperColumns u{{0}, {}, {}, Eigen::SparseMatrix<double>(n, n)};
+  std::vector<Eigen::Triplet<double>> entries;
+  for (int c = 0; c < n; ++c) {
+    std::shuffle(columns[c].begin(), columns[c].end(), rng);
+    for (const auto& [row, value] : columns[c]) {
       u.rowIndex.push_back(row);
       u.values.push_back(value);
+      entries.emplace_back(row, c, value);
     }
     u.colStart.push_back(static_cast<int>(u.rowIndex.size()));
   }
+  u.full.setFromTriplets(entries.begin(), entries.end());
   return u;
-}
-
-// The stored triangle as Eigen's own sparse matrix, duplicates summed.
-Eigen::SparseMatrix<double> ToEigen(const UpperColumns& u) {
-  std::vector<Eigen::Triplet<double>> entries;
-  for (size_t c = 0; c + 1 < u.colStart.size(); ++c) {
-    for (int e = u.colStart[c]; e < u.colStart[c + 1]; ++e) {
-      entries.emplace_back(u.rowIndex[e], static_cast<int>(c), u.values[e]);
-    }
-  }
-  const int n = static_cast<int>(u.colStart.size()) - 1;
-  Eigen::SparseMatrix<double> a(n, n);
-  a.setFromTriplets(entries.begin(), entries.end());
-  return a;
 }
 
 TEST(SupernodalLdlt, SolvesBandsComponentsAndDenseRowsInAnyOrder) {
@@ -159,16 +150,17 @@ TEST(SupernodalLdlt, SolvesBandsComponentsAndDenseRowsInAnyOrder) {
       // order fills in the same entries (it keeps the unit diagonal apart).
       for (const double scale : {1.0, -3.0}) {
         for (double& v : u.values) v *= scale;
-        const Eigen::SparseMatrix<double> full = ToEigen(u);
+        u.full *= scale;
         Eigen::SimplicialLDLT<Eigen::SparseMatrix<double>, Eigen::Upper,
                               Eigen::NaturalOrdering<int>>
-            reference(full);
+            reference(u.full);
         EXPECT_EQ(ldlt.NonZeros(),
                   reference.matrixL().nestedExpression().nonZeros() + n);
         ASSERT_TRUE(ldlt.Factorize(u.values.data()));
         Eigen::VectorXd x = b;
         ldlt.Solve(x.data());
-        const Eigen::VectorXd r = full.selfadjointView<Eigen::Upper>() * x - b;
+        const Eigen::VectorXd r =
+            u.full.selfadjointView<Eigen::Upper>() * x - b;
         EXPECT_LT(r.lpNorm<Eigen::Infinity>() / b.lpNorm<Eigen::Infinity>(),
                   1e-13)
             << "scale " << scale;
@@ -181,19 +173,18 @@ TEST(SupernodalLdlt, SolvesBandsComponentsAndDenseRowsInAnyOrder) {
 // -1): every intermediate value is a small integer, so elimination meets
 // that zero exactly, in whichever panel it lies.
 UpperColumns IntegerProduct(int n, int zeroAt, std::mt19937& rng) {
-  std::vector<std::vector<double>> l(n, std::vector<double>(n, 0.0));
+  Eigen::MatrixXd l = Eigen::MatrixXd::Identity(n, n);
   for (int i = 0; i < n; ++i) {
-    l[i][i] = 1.0;
-    for (int j = 0; j < i; ++j) l[i][j] = rng() % 2;
+    for (int j = 0; j < i; ++j) l(i, j) = rng() % 2;
   }
-  UpperColumns u;
-  u.colStart.push_back(0);
+  Eigen::VectorXd d = Eigen::VectorXd::Ones(n);
+  if (zeroAt >= 0) d[zeroAt] = 0.0;
+  const Eigen::MatrixXd a = l * d.asDiagonal() * l.transpose();
+  UpperColumns u{{0}, {}, {}, {}};
   for (int c = 0; c < n; ++c) {
     for (int r = 0; r <= c; ++r) {
-      double sum = 0.0;
-      for (int k = 0; k <= r; ++k) sum += k == zeroAt ? 0.0 : l[r][k] * l[c][k];
       u.rowIndex.push_back(r);
-      u.values.push_back(sum);
+      u.values.push_back(a(r, c));
     }
     u.colStart.push_back(static_cast<int>(u.rowIndex.size()));
   }
@@ -207,8 +198,8 @@ TEST(SupernodalLdlt, ReportsAnExactlyZeroPivot) {
     UpperColumns matrix;
     bool regular;
   } cases[] = {
-      {"zero", {{0, 1}, {0}, {0.0}}, false},
-      {"singular 2 x 2", {{0, 1, 3}, {0, 0, 1}, {2.0, 2.0, 2.0}}, false},
+      {"zero", {{0, 1}, {0}, {0.0}, {}}, false},
+      {"singular 2 x 2", {{0, 1, 3}, {0, 0, 1}, {2.0, 2.0, 2.0}, {}}, false},
       {"second of 3", IntegerProduct(3, 1, rng), false},
       {"in the second panel", IntegerProduct(50, 41, rng), false},
       {"last of 70", IntegerProduct(70, 69, rng), false},
