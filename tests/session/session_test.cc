@@ -1,9 +1,9 @@
-// The session against the library's pieces chained by hand, sessions on
-// threads against the same flows run in turn, and the one-shot cut-out
-// against a session driven by hand: with the same settings its matte and
-// colours must be the session's, bit for bit, on every guide and solve path.
-// Photos are a noisy gradient behind a disc whose edge is blurred over a few
-// pixels, so that a solve has real fractions to find.
+// Refusals of the session, sessions on threads against the same flows run
+// in turn, and the one-shot cut-out against a session driven by hand: with
+// the same settings its matte and colours must be the session's, bit for
+// bit, on every guide and solve path. Photos are a noisy gradient behind a
+// disc whose edge is blurred over a few pixels, so that a solve has real
+// fractions to find.
 #include "softmatte/session.h"
 
 #include <gtest/gtest.h>
@@ -20,9 +20,7 @@
 #include "session/cutout_steps.h"
 #include "softmatte/cutout.h"
 #include "softmatte/edit.h"
-#include "softmatte/ff/ipf.h"
 #include "softmatte/geoseg.h"
-#include "softmatte/resample.h"
 #include "softmatte/solver.h"
 #include "softmatte/trimap.h"
 #include "test_util.h"
@@ -31,7 +29,6 @@ namespace {
 
 using softmatte_test::kSentinel;
 using softmatte_test::Packed;
-using softmatte_test::PaddingIntact;
 
 using Plane = std::vector<unsigned char>;
 constexpr unsigned char kUnknown = 128;
@@ -86,61 +83,6 @@ Plane Disc(int w, int h, double cx, double cy, double r, double band,
     }
   }
   return plane;
-}
-
-// The refinement built from the library's pieces at a given working size:
-// reduce, pair, solve the band, carry back, smooth, clean.
-Plane RefineByHand(const Photo& photo, const Plane& trimap, int ww, int wh) {
-  const int w = photo.width, h = photo.height;
-  Plane workImage(static_cast<size_t>(ww) * wh * 3);
-  ff::ipf_resize_nn(photo.bytes.data(), w, h, photo.stride, 3, workImage.data(),
-                    ww, wh, 3 * ww, 3, ff::ccn<3>());
-  std::vector<int> idx(static_cast<size_t>(w) * h * 2, -1);
-  std::vector<short> wts(static_cast<size_t>(w) * h, 0);
-  usam_calc_weights_8u_c3(photo.bytes.data(), w, h, photo.stride, nullptr, 0,
-                          workImage.data(), ww, wh, 3 * ww, idx.data(), 2 * w,
-                          wts.data(), w, 3);
-  Plane workTrimap(static_cast<size_t>(ww) * wh), mask(workTrimap.size());
-  ff::ipf_resize_nn(trimap.data(), w, h, w, 1, workTrimap.data(), ww, wh, ww, 1,
-                    ff::ccn<1>());
-  for (size_t i = 0; i < mask.size(); ++i) mask[i] = workTrimap[i] == kUnknown;
-  Plane workAlpha = workTrimap, alpha = trimap;
-  mat_data problem;
-  mat_update(workImage.data(), ww, wh, 3 * ww, mask.data(), ww, problem,
-             problem, nullptr);
-  mat_run(problem, workTrimap.data(), workAlpha.data(), nullptr);
-  usam_interpolate_c1(workAlpha.data(), ww, wh, idx.data(), 2 * w, wts.data(),
-                      w, alpha.data(), w, h, w, trimap.data(), w, kUnknown);
-  mat_smooth_boundary(alpha.data(), w, h, w, alpha.data(), w, 3);
-  vm_erase_small_cc(alpha.data(), w, h, w, 0, 1);
-  return alpha;
-}
-
-TEST(DSCMattingWorkingSize, RefineMatchesTheHandChainAtTheRuleSize) {
-  const struct {
-    int w, h, work_size, ww, wh;  // ww, wh worked out by hand from the rule
-  } cases[] = {
-      {130, 90, 60, 60, 42},      // both exceed; 41.54 rounds to 42
-      {61, 97, 40, 24, 40},       // 25.15 rounds to 25, then down to 24
-      {101, 203, 100, 48, 100},   // width exceeds by one: height decides
-      {130, 90, 100, 128, 90},    // only the width exceeds: no reduction
-      {90, 130, 100, 88, 130},    // only the height exceeds
-      {102, 102, 102, 100, 102},  // equal is not above
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(testing::Message()
-                 << c.w << "x" << c.h << " at " << c.work_size);
-    const double r = 0.3 * std::min(c.w, c.h), cx = c.w * 0.45, cy = c.h * 0.55;
-    const Photo photo = DiscOnGradient(c.w, c.h, cx, cy, r, 7);
-    const Plane trimap = Disc(c.w, c.h, cx, cy, r, 3.0, 0, 255);
-    DSCMatting session(photo.bytes.data(), c.w, c.h, photo.stride, c.work_size);
-    const int outStride = c.w + 3;
-    Plane out(static_cast<size_t>(outStride) * c.h, kSentinel);
-    session.Refine(trimap.data(), c.w, c.h, c.w, out.data(), outStride, 3, 1);
-    ASSERT_TRUE(PaddingIntact(out, c.w, c.h, outStride));
-    EXPECT_EQ(Packed(out.data(), c.w, c.h, outStride),
-              RefineByHand(photo, trimap, c.ww, c.wh));
-  }
 }
 
 TEST(DSCMatting, RefusedCallsReturnZeroAndTouchNothing) {
