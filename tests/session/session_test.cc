@@ -137,7 +137,6 @@ Result RunFlows(uint32_t seed) {
   const Plane seg = Disc(w, h, cx, cy, r, 0, 255, 0);
   Plane labels = Disc(w, h, cx, cy, r / 3, 0, 2, 0), matte(seg.size());
   for (int y : {0, 1, h - 2, h - 1}) labels[y * w] = labels[y * w + w - 1] = 1;
-  Result res;
   DSCMatting session;
   if (seed == 2) {
     session.Init(photo.bytes.data(), w, h, photo.stride, seg.data(), w, 60, 6,
@@ -152,17 +151,15 @@ Result RunFlows(uint32_t seed) {
   int stride = 0, fStride = 0;
   const unsigned char* alpha = session.GetAlpha(&stride);
   const unsigned char* f = session.GetFImage(&fStride, 1);
-  std::get<0>(res) = matte;
-  std::get<1>(res) = Packed(alpha, w, h, stride);
-  std::get<2>(res) = Packed(f, 3 * w, h, fStride);
   GeoSeg geo;
   EXPECT_EQ(geo.SetImage(photo.bytes.data(), w, h, photo.stride, 3), 0);
-  std::get<4>(res).resize(seg.size());
-  geo.GetProb(labels.data(), w, std::get<4>(res).data(), w);
+  std::vector<float> probability(seg.size());
+  geo.GetProb(labels.data(), w, probability.data(), w);
   // Only reads the tables the main thread filled before the threads began.
-  std::get<3>(res).resize(256);
-  mat_calc_S_transform(std::get<3>(res).data(), 30 + w % 40, 60);
-  return res;
+  Plane curve(256);
+  mat_calc_S_transform(curve.data(), 30 + w % 40, 60);
+  return {matte, Packed(alpha, w, h, stride), Packed(f, 3 * w, h, fStride),
+          curve, probability};
 }
 
 TEST(Concurrency, SessionsOnThreadsMatchTheSameFlowsRunInTurn) {

@@ -98,9 +98,6 @@ TEST(SupernodalLdlt, SolvesBandsComponentsAndDenseRowsInAnyOrder) {
     bool hub;  // one more unknown coupled to every other: a dense row
   } cases[] = {
       {"one unknown", {{1, 1, 0, -1.0}}, false},
-      {"diagonal", {{7, 1, 0, 1.0}}, false},
-      {"chain", {{9, 1, 1, 1.0}}, false},
-      {"band 7 x 5", {{7, 5, 2, 1.0}}, false},
       {"band 33 x 21", {{33, 21, 2, 1.0}}, false},
       {"components of both signs",
        {{9, 7, 2, 1.0}, {5, 1, 1, -1.0}, {3, 1, 0, 1.0}, {5, 5, 2, -1.0}},
