@@ -246,9 +246,6 @@ TEST(MatCutout, MatchesASessionOnEveryGuideAndSolve) {
     want = Complemented(want);
     session.set_alpha(want.data(), kWidth, kHeight, kWidth);
     session.GetFImage(want_colours.data(), 3 * kWidth, 1);
-    EXPECT_GT(std::count_if(want.begin(), want.end(),
-                            [](int v) { return v != 0 && v != 255; }),
-              20);
 
     Plane alpha(kCount), colours(3 * kCount);
     mat_cutout_timings timings;
@@ -331,9 +328,8 @@ TEST(DropLooseBlocks, DropsOnlyStraysThePhotoDoesNotShow) {
   for (int i = 0; i < width * height; ++i) {
     const int x = i % width, y = i / width;
     const bool subject = x < 20, patch = x >= 46 && x < 50 && y >= 6 && y < 10;
-    for (int c = 0; c < 3; ++c) {
-      image[3 * i + c] = (subject || patch ? 200 : 60) + rng() % 5;
-    }
+    for (int c = 0; c < 3; ++c)
+      image[3 * i + c] = (subject || patch) * 140 + 60 + rng() % 5;
     seg[i] = subject ? 255 : 0;
   }
   // Over plain background: goes; on the bright object: stays; over
