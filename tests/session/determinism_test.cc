@@ -81,8 +81,8 @@ bool Load(Input* in) {
   const double s = kWorkSize / static_cast<double>(std::max(w, h));
   const int ww = in->ww = static_cast<int>(s * w + 0.5) & ~3;
   const int wh = in->wh = static_cast<int>(s * h + 0.5);
+  in->workImage.resize(static_cast<size_t>(ww) * wh * 3);
   in->workTrimap.resize(static_cast<size_t>(ww) * wh);
-  in->workImage.resize(3 * in->workTrimap.size());
   ff::ipf_resize_nn(in->sample.image.pixels.data(), w, h, 3 * w, 3,
                     in->workImage.data(), ww, wh, 3 * ww, 3, ff::ccn<3>());
   ff::ipf_resize_nn(in->trimap.data(), w, h, w, 1, in->workTrimap.data(), ww,
