@@ -78,8 +78,7 @@ bool Load(Input* in) {
   MakeTrimapFromSegRes(in->seg.data(), w, h, w, in->trimap.data(), w, kMaxBand,
                        kBandScale);
   InvertMatte(in->trimap.data(), w, h, w);
-  const double s = std::min(static_cast<double>(kWorkSize) / w,
-                            static_cast<double>(kWorkSize) / h);
+  const double s = kWorkSize / static_cast<double>(std::max(w, h));
   const int ww = in->ww = static_cast<int>(s * w + 0.5) & ~3;
   const int wh = in->wh = static_cast<int>(s * h + 0.5);
   in->workImage.resize(static_cast<size_t>(ww) * wh * 3);
@@ -132,7 +131,6 @@ TEST(DeterminismPhotos, StagesMatchTheCommittedDigests) {
   mat_update(in.workImage.data(), ww, wh, 3 * ww, mask.data(), ww, problem,
              problem, nullptr);
   const int n = problem.n;
-  ASSERT_GT(n, 1000);
   const size_t entries = static_cast<size_t>(problem.rowStart[n] - 1);
   const uint64_t system = Digest({{problem.values, sizeof(double) * entries},
                                   {problem.columns, sizeof(int) * entries},
