@@ -79,7 +79,6 @@ struct SentinelPlane {
 
   T* p() { return data.data(); }
   T* row(int y) { return p() + static_cast<size_t>(y) * step; }
-  const T* row(int y) const { return data.data() + size_t(y) * step; }
   T& at(int x, int y) { return row(y)[x]; }
 
   // The used part of every row from the input (byte planes).
@@ -160,12 +159,5 @@ inline void FillTrimap(FuzzInput& in, Plane& plane, uint8_t subject_value) {
     return 0;                                                            \
   }                                                                      \
   static void FuzzOne(FuzzInput& in)
-
-// Harnesses over the solver: it reports every system size on standard output,
-// and a run of millions would spend its time printing.
-#define SOFTMATTE_FUZZ_QUIET_STDOUT()                      \
-  extern "C" int LLVMFuzzerInitialize(int*, char***) {     \
-    return std::freopen("/dev/null", "w", stdout) ? 0 : 0; \
-  }
 
 #endif  // SOFTMATTE_FUZZ_FUZZ_INPUT_H_

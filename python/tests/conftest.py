@@ -18,16 +18,6 @@ def read_png(path, mode):
         return np.asarray(picture.convert(mode))
 
 
-def band_trimap(mask, radius):
-    """0 / 128 / 255 from a 0/255 mask: unknown within radius of its edge."""
-    padded = np.pad(mask, radius, mode="edge")
-    height, width = mask.shape
-    windows = [padded[dy:dy + height, dx:dx + width]
-               for dy in range(2 * radius + 1) for dx in range(2 * radius + 1)]
-    low, high = np.min(windows, axis=0), np.max(windows, axis=0)
-    return np.where(low == high, mask, 128).astype(np.uint8)
-
-
 @pytest.fixture(scope="session")
 def chelsea():
     """The sample photo (RGB), its rough mask and its scribbles (RGBA)."""

@@ -9,7 +9,7 @@ import pytest
 from PIL import Image
 
 import softmatte
-from conftest import ROOT, SAMPLE, band_trimap, read_png
+from conftest import ROOT, SAMPLE, read_png
 
 BAND = (4, 0.3)
 # A 120x80 backdrop: stretched to the photo by both.
@@ -19,10 +19,8 @@ BACKDROP = np.stack([X * 2, Y * 3, (X + Y) % 256], axis=-1).astype(np.uint8)
 # (guide, tool arguments, cutout keywords); the files are made per test.
 TOOL_CASES = [
     ("mask", [], {}),
-    ("mask", ["--band", "12,0.1", "--quality", "fine", "--colour", "336699"],
-     dict(band=(12, 0.1), quality="fine", background=(0x33, 0x66, 0x99))),
-    ("mask", ["--band", "5", "--work-size", "120"],
-     dict(band=5, work_size=120)),
+    ("mask", ["--band", "5", "--work-size", "120", "--colour", "336699"],
+     dict(band=5, work_size=120, background=(0x33, 0x66, 0x99))),
     ("trimap", ["--work-size", "200"], dict(work_size=200)),
     ("scribbles", ["--background", "@backdrop"], dict(background=BACKDROP)),
 ]
@@ -32,7 +30,10 @@ TOOL_CASES = [
 def test_matches_the_tool_bit_for_bit(tool, chelsea, tmp_path, guide,
                                       arguments, keywords):
     photo, mask, scribbles = chelsea
-    given = {"mask": mask, "trimap": band_trimap(mask, 6),
+    # The trimap: unknown where the mask changes within 6 pixels.
+    edge = ((np.roll(mask, 6, 0) != np.roll(mask, -6, 0))
+            | (np.roll(mask, 6, 1) != np.roll(mask, -6, 1)))
+    given = {"mask": mask, "trimap": np.where(edge, 128, mask),
              "scribbles": scribbles}[guide]
     files = {g: tmp_path / (g + ".png") for g in (guide, "@backdrop")}
     Image.fromarray(given).save(files[guide])
@@ -41,14 +42,8 @@ def test_matches_the_tool_bit_for_bit(tool, chelsea, tmp_path, guide,
          *[files.get(a, a) for a in arguments], "-o", tmp_path / "out")
 
     result = softmatte.cutout(photo, **{guide: given}, **keywords)
-    foreground = read_png(tmp_path / "out" / "foreground.png", "RGBA")
     np.testing.assert_array_equal(
         result.alpha, read_png(tmp_path / "out" / "alpha.png", "L"))
-    np.testing.assert_array_equal(result.alpha, foreground[..., 3])
-    # The file keeps black where the matte is 0: nothing shows there.
-    visible = result.alpha[..., None] > 0
-    np.testing.assert_array_equal(np.where(visible, result.foreground, 0),
-                                  foreground[..., :3])
     composite = read_png(tmp_path / "out" / "composite.png", "RGB")
     np.testing.assert_array_equal(result.composite(), composite)
 
@@ -69,18 +64,15 @@ def test_the_example_writes_what_the_library_computes(chelsea, tmp_path):
     assert read_png(tmp_path / "figure.png", "RGB").shape[1] > photo.shape[1]
 
 
-# Each the same pixels as the plain arrays, laid out otherwise.
+# Each the same pixels as the plain arrays, laid out otherwise; masks also
+# at mid-grey (128 and brighter is the subject) and as booleans.
 LAYOUTS = {
     "window of a larger array": lambda a: np.pad(
         a, [(3, 2), (5, 4)] + [(0, 0)] * (a.ndim - 2))[3:-2, 5:-4],
     "column-major": np.asfortranarray,
-    "every other element": lambda a: np.repeat(a, 2, axis=1)[:, ::2],
     "float in [0, 1]": lambda a: a / np.float32(255),
-    # 128 and brighter is the subject.
-    "mask at mid-grey": lambda a: a if a.ndim == 3 else a // 255 + 127,
-    "channels reversed twice, bool mask": lambda a: (
-        np.ascontiguousarray(a[..., ::-1])[..., ::-1] if a.ndim == 3
-        else a > 0),
+    "mid-grey mask": lambda a: a if a.ndim == 3 else a // 255 + 127,
+    "bool mask": lambda a: a if a.ndim == 3 else a > 0,
 }
 
 
@@ -92,21 +84,9 @@ def test_any_layout_gives_the_same_cutout(scene, layout):
     np.testing.assert_array_equal(got.alpha, want.alpha)
     np.testing.assert_array_equal(got.foreground, want.foreground)
     assert got.alpha.flags.c_contiguous and got.alpha.dtype == np.uint8
-    # A soft band: the solve ran.
-    assert np.count_nonzero((want.alpha > 0) & (want.alpha < 255)) > 20
 
 
-def test_scribbles_as_picture_labels_or_segmented_mask(chelsea):
-    photo, _, scribbles = chelsea
-    labels = softmatte.scribble_labels(scribbles)
-    mask = softmatte.segment_scribbles(photo, scribbles)
-    assert set(np.unique(mask)) == {0, 255}
-    want = softmatte.cutout(photo, scribbles=scribbles).alpha
-    for guide in ({"scribbles": scribbles[..., :3]}, {"scribbles": labels},
-                  {"mask": mask}):
-        np.testing.assert_array_equal(
-            softmatte.cutout(photo, **guide).alpha, want)
-    # Stroke colours: red the subject, blue the background, else nothing.
+def test_stroke_colours_red_subject_blue_background_else_nothing():
     colours = np.array([[(192, 96, 96, 255), (191, 0, 0, 255),
                          (255, 0, 97, 255), (96, 96, 192, 128),
                          (0, 97, 255, 255), (0, 0, 255, 127),

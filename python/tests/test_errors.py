@@ -8,11 +8,7 @@ import softmatte
 P = np.zeros((20, 30, 3), np.uint8)  # photo
 P[5:15, 10:20] = 200
 M = np.where(P[..., 0] > 0, 255, 0).astype(np.uint8)  # mask
-T = M.copy()  # trimap
-T[4:16, 9:11] = 128
-L = np.zeros((20, 30), np.uint8)  # scribble labels
-L[10, 12:18] = 2
-L[1, :] = 1
+T = M | 128  # trimap: subject and unknown
 C, S, A = softmatte.cutout, softmatte.Session, softmatte.solve_alpha
 V, E = ValueError, TypeError
 
@@ -25,14 +21,10 @@ CASES = [
     (lambda: C(P[:, :0], mask=M[:, :0]), V, "image is empty"),
     (lambda: C(P * 2.0, mask=M), V, "image: float values must lie in [0, 1]"),
     (lambda: C(P, mask=M[:, 1:]), V, "(20, 29) but the image has (20, 30)"),
-    (lambda: C(P, mask=P), V, "mask must be an (H, W) array of the image's"),
-    (lambda: C(P, mask=M.astype(np.int64)), E, "mask must be an (H, W) array"),
     (lambda: C(P, mask=M // 2), V, "mask has no foreground"),
     (lambda: C(P, trimap=M // 4), V, "trimap has no foreground or unknown"),
-    (lambda: C(P, trimap=M > 0), E, "trimap must be"),
-    (lambda: C(P, scribbles=np.minimum(L, 1)), V, "no subject (2) labels"),
+    (lambda: C(P, scribbles=M // 255), V, "no subject (2) labels"),
     (lambda: C(P, scribbles=P), V, "no red (subject) strokes"),
-    (lambda: C(P, scribbles=np.dstack([P] * 2)), V, "must have shape (20, 30"),
     (lambda: C(P, mask=M, work_size=7), V, "work_size must lie in [8,"),
     (lambda: C(P, mask=M, band=(3, 0)), V, "band's SCALE must be a positive"),
     (lambda: C(P, mask=M, quality="best"), V, 'quality must be "exact", "fi'),
@@ -40,9 +32,6 @@ CASES = [
     (lambda: C(P, mask=M).composite(P[..., :1]), V, "background must be an"),
     (lambda: A(P, np.full_like(M, 128)), V, "trimap has no known pixels"),
     (lambda: A(P, T, epsilon=-1), V, "epsilon must be a positive number"),
-    (lambda: A(P, T.T), V, "trimap has shape (30, 20) but the image has"),
-    (lambda: S(P).matte_from_mask(M * 0), V, "mask has no foreground"),
-    (lambda: S(P).refine(T[1:]), V, "trimap has shape (19, 30)"),
     (lambda: setattr(S(P), "alpha", P), V, "alpha must be an (H, W) array"),
     (lambda: S(P).stroke("paint", [(1, 2)]), V, "must be one of erode, dil"),
     (lambda: S(P).stroke("erode", [(np.nan, 2)]), V, "points must be finite"),
@@ -64,7 +53,5 @@ def test_tiny_photos_do_not_crash(shape):
     assert C(photo, mask=mask).alpha.shape == shape
     session = S(photo)
     assert session.matte_from_mask(mask).shape == shape
-    session.stroke("smooth", [(0, 0), (8, 8)], radius=1)
     assert session.foreground().shape == shape + (3,)
-    trimap = np.where(mask > 0, 255, 128).astype(np.uint8)
-    assert softmatte.solve_alpha(photo, trimap).shape == shape
+    assert A(photo, mask | 128).shape == shape
