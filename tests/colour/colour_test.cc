@@ -1,18 +1,18 @@
 // Foreground colours: the band-only estimation worker against the exported
 // estimate on a wide range of mattes, what known pixels and missing planes
-// get, a closed form where no foreground exists, the recovery of a synthetic
-// composite, and the merge and retouching of foreground colours against
-// references written here.
+// get, a closed form where no foreground exists, and the merge and retouching
+// of foreground colours against references written here.
 #include "softmatte/colour.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <random>
-#include <string>
+#include <tuple>
 #include <vector>
 
 #include "colour/fb_color.h"
@@ -60,39 +60,37 @@ struct Scene {
 
 Scene MakeScene(const Case& c, uint32_t seed) {
   std::mt19937 rng(seed);
-  Scene s{c.width, c.height, 0, 0, {}, {}};
-  s.imageStride = 3 * c.width + 1 + seed % 5;
-  s.alphaStride = c.width + seed % 3;
+  Scene s{c.width,
+          c.height,
+          int(3 * c.width + 1 + seed % 5),
+          int(c.width + seed % 3),
+          {},
+          {}};
   s.image.assign(size_t(s.imageStride) * c.height, kSentinel);
   s.alpha.assign(size_t(s.alphaStride) * c.height, kSentinel);
   const unsigned char palette[4][3] = {
       {10, 200, 30}, {240, 240, 240}, {90, 20, 160}, {10, 200, 31}};
-  for (int y = 0; y < c.height; ++y) {
-    for (int x = 0; x < 3 * c.width; x += 3) {
+  for (int y = 0; y < c.height; ++y)
+    for (int x = 0; x < c.width; ++x) {
       const int p = rng() % 4;
-      for (int k = 0; k < 3; ++k) {
-        s.image[size_t(y) * s.imageStride + x + k] =
+      for (int k = 0; k < 3; ++k)
+        s.Pixel(x, y)[k] =
             c.palette ? palette[p][k] : static_cast<unsigned char>(rng());
-      }
     }
-  }
-  struct Disc {
-    double x, y, r;
-  };
-  std::vector<Disc> discs;
+  std::vector<std::array<double, 3>> discs;  // centre and radius
   const int side = std::max(c.width, c.height);
-  for (int k = 0; k < c.blobs; ++k) {
+  for (int k = 0; k < c.blobs; ++k)
     discs.push_back({double(rng() % (c.width + 4)) - 2,
                      double(rng() % (c.height + 4)) - 2,
                      1.0 + rng() % std::max(2, side / (c.blobs + 1))});
-  }
   for (int y = 0; y < c.height; ++y) {
     for (int x = 0; x < c.width; ++x) {
       double a = 0.0;
-      for (const Disc& d : discs) {
-        const double e = std::hypot(x - d.x, y - d.y) - d.r;
-        a = std::max(a, std::clamp(0.5 - e / c.ramp, 0.0, 1.0));
-      }
+      for (const auto& d : discs)
+        a = std::max(
+            a,
+            std::clamp(0.5 - (std::hypot(x - d[0], y - d[1]) - d[2]) / c.ramp,
+                       0.0, 1.0));
       const int v = static_cast<int>(std::lround(a * 255)),
                 n = rng() % 3 == 0 ? rng() % 256 : (rng() % 2) * 255;
       const double speck = std::hypot(x - c.width / 2.0, y - c.height / 2.0);
@@ -160,10 +158,7 @@ TEST(EstimateForegroundBand, WritesTheBytesOfTheFullEstimate) {
                              c.low, c.high);
     ASSERT_TRUE(PaddingIntact(got, 3 * c.width, c.height, stride));
     ASSERT_TRUE(PaddingIntact(back, 3 * c.width, c.height, bstride));
-    for (size_t i = 0; i < got.size(); ++i) {
-      ASSERT_EQ(got[i], want[i]) << ": pixel " << (i % stride) / 3 << ","
-                                 << i / stride << " channel " << i % stride % 3;
-    }
+    ASSERT_TRUE(got == want);
   }
 }
 
@@ -207,36 +202,32 @@ Outputs Estimate(Scene& p) {
 TEST(EstimateFbColor, NullPlanesWriteNothingAndOutputsComeInTheirOrder) {
   Scene s = MakeScene({41, 23, kBlobs, 2, 6, 1, 253, false}, 77);
   const Outputs want = Estimate(s);
-  const Bytes &wantF = want.plane[0], &wantB = want.plane[1];
-  const unsigned char *image = s.image.data(), *alpha = s.alpha.data();
+  const unsigned char *im = s.image.data(), *al = s.alpha.data();
   const int w = s.width, h = s.height, is = s.imageStride, as = s.alphaStride;
   const int fs = want.stride[0], bs = want.stride[1];
   const Bytes blankF(size_t(fs) * h, kSentinel),
       blankB(size_t(bs) * h, kSentinel);
   Bytes fg = blankF, bg = blankB;
-  mat_estimate_fb_color(nullptr, w, h, is, alpha, as, fg.data(), fs, bg.data(),
-                        bs, 1, 253);
-  estimate_fb_color_x(image, w, h, is, nullptr, as, bg.data(), bs, fg.data(),
-                      fs, 1, 253);
-  for (const auto& [im, al, width, height] :
-       {std::tuple{(const unsigned char*)nullptr, alpha, w, h},
-        {image, nullptr, w, h},
-        {image, alpha, 0, h},
-        {image, alpha, w, 0}}) {
-    estimate_foreground_band(im, width, height, is, al, as, fg.data(), fs, 1,
-                             253);
-  }
-  EXPECT_EQ(fg, blankF);
-  EXPECT_EQ(bg, blankB);
-  estimate_foreground_band(image, w, h, is, alpha, as, nullptr, fs, 1, 253);
-  estimate_fb_color_x(image, w, h, is, alpha, as, bg.data(), bs, fg.data(), fs,
-                      1, 253);
-  EXPECT_EQ(fg, wantF);
-  EXPECT_EQ(bg, wantB);
-  fg = blankF;
-  mat_estimate_fb_color(image, w, h, is, alpha, as, fg.data(), fs, nullptr, 0,
+  mat_estimate_fb_color(nullptr, w, h, is, al, as, fg.data(), fs, bg.data(), bs,
                         1, 253);
-  EXPECT_EQ(fg, wantF);
+  estimate_fb_color_x(im, w, h, is, nullptr, as, bg.data(), bs, fg.data(), fs,
+                      1, 253);
+  for (const auto& [i, a, width, height] :
+       {std::tuple{(const unsigned char*)nullptr, al, w, h},
+        {im, nullptr, w, h},
+        {im, al, 0, h},
+        {im, al, w, 0}})
+    estimate_foreground_band(i, width, height, is, a, as, fg.data(), fs, 1,
+                             253);
+  EXPECT_TRUE(fg == blankF && bg == blankB);
+  estimate_foreground_band(im, w, h, is, al, as, nullptr, fs, 1, 253);
+  estimate_fb_color_x(im, w, h, is, al, as, bg.data(), bs, fg.data(), fs, 1,
+                      253);
+  EXPECT_TRUE(fg == want.plane[0] && bg == want.plane[1]);
+  fg = blankF;
+  mat_estimate_fb_color(im, w, h, is, al, as, fg.data(), fs, nullptr, 0, 1,
+                        253);
+  EXPECT_EQ(fg, want.plane[0]);
 }
 
 TEST(EstimateFbColor, MatteWithoutForegroundSolvesAgainstTheBackgroundMean) {
@@ -250,82 +241,27 @@ TEST(EstimateFbColor, MatteWithoutForegroundSolvesAgainstTheBackgroundMean) {
   const double e = std::exp(-0.5);
   const double q = ((e - 1) / (e - (e + 1) * 0.5) - 1) / e;  // midpoint 0.5
   const double k = (e * e * q + 1) / (e * e - 1) / q;
-  for (int y = 0; y < p.height; ++y) {
+  for (int y = 0; y < p.height; ++y)
     for (int x = 0; x < p.width; ++x) {
       p.Alpha(x, y) = x < 9 ? 0 : kLow + rng() % (kHigh - kLow + 1);
       if (x < 9) std::copy_n(background, 3, p.Pixel(x, y));
     }
-  }
-  const Outputs out = Estimate(p);
-  for (int y = 0; y < p.height; ++y) {
-    for (int x = 0; x < p.width; ++x) {
+  const Outputs out = Estimate(p);  // checks the known columns
+  for (int y = 0; y < p.height; ++y)
+    for (int x = 9; x < p.width; ++x) {
       const float a = p.Alpha(x, y) / 255.0f;
       const double t = double(p.Alpha(x, y) - kLow) / (kHigh - kLow);
       const float s =
-          x < 9
-              ? 0.0f
-              : float(k - (q + 1) * k / (std::exp(std::log(q) - (1 - t)) + 1));
+          float(k - (q + 1) * k / (std::exp(std::log(q) - (1 - t)) + 1));
       for (int c = 0; c < 3; ++c) {
         const float i = p.Pixel(x, y)[c];
-        const float fs = x < 9
-                             ? 0.0f
-                             : std::clamp((i - (1.0f - a) * background[c]) / a,
-                                          0.0f, 255.0f);
+        const float fs =
+            std::clamp((i - (1.0f - a) * background[c]) / a, 0.0f, 255.0f);
         ASSERT_EQ(out.at(1, x, y)[c], background[c]) << x << "," << y;
-        const int want = x < 9 ? background[c] : int((1.0f - s) * i + s * fs);
-        ASSERT_NEAR(out.at(0, x, y)[c], want, x < 9 ? 0 : 1) << x << "," << y;
+        ASSERT_NEAR(out.at(0, x, y)[c], int((1.0f - s) * i + s * fs), 1)
+            << x << "," << y;
       }
     }
-  }
-}
-
-// A composite with known layers: smooth colourful foreground and background
-// textures mixed by a disc whose edge ramps over some 14 pixels.
-TEST(EstimateFbColor, RecoversTheForegroundOfASyntheticComposite) {
-  Scene p = MakeScene({241, 181, kBlobs, 0, 1, 1, 253, false}, 1);
-  std::vector<float> trueF(size_t(p.width) * p.height * 3);
-  for (int y = 0; y < p.height; ++y) {
-    for (int x = 0; x < p.width; ++x) {
-      const double d = std::hypot(x - 120.0, y - 90.0) - 55.0 +
-                       4.0 * std::sin(std::atan2(y - 90.0, x - 120.0) * 7);
-      p.Alpha(x, y) = static_cast<unsigned char>(
-          std::lround(std::clamp(0.5 - d / 14.0, 0.0, 1.0) * 255));
-      const double a = p.Alpha(x, y) / 255.0;
-      for (int c = 0; c < 3; ++c) {
-        const double f =
-            150 + 60 * std::sin(0.05 * x + 2.0 * c) * std::cos(0.04 * y - c);
-        const double b = 90 + 70 * std::cos(0.03 * (x + y) + c) *
-                                  std::sin(0.06 * x - 0.5 * c);
-        trueF[(y * p.width + x) * 3 + c] = static_cast<float>(f);
-        p.Pixel(x, y)[c] =
-            static_cast<unsigned char>(std::lround(a * f + (1 - a) * b));
-      }
-    }
-  }
-  const Outputs out = Estimate(p);
-  // Alpha-weighted mean absolute error over the soft band: where alpha is
-  // small the foreground hardly shows and is barely determined.
-  double estimated = 0, naive = 0, weight = 0;
-  for (int y = 0; y < p.height; ++y) {
-    for (int x = 0; x < p.width; ++x) {
-      const int alpha = p.Alpha(x, y);
-      if (alpha < kLow || alpha > kHigh) continue;
-      for (int c = 0; c < 3; ++c) {
-        const double f = trueF[(y * p.width + x) * 3 + c];
-        estimated += alpha * std::abs(out.at(0, x, y)[c] - f);
-        naive += alpha * std::abs(p.Pixel(x, y)[c] - f);
-        weight += alpha;
-      }
-    }
-  }
-  estimated /= weight;
-  naive /= weight;
-  RecordProperty("estimated_error", std::to_string(estimated));
-  RecordProperty("image_colour_error", std::to_string(naive));
-  // Measured: 14.9 against 24.4. Mid-band the result is by design only
-  // partly moved from the image colour towards the solved one.
-  EXPECT_LT(estimated, 0.7 * naive);
-  EXPECT_LT(estimated, 17.0);
 }
 
 // Pixel by pixel in plain ints: run on a copy with the same aliasing, it is

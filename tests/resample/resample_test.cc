@@ -20,32 +20,32 @@ using softmatte_test::kSentinel;
 using softmatte_test::RandomPlane;
 using Bytes = std::vector<unsigned char>;
 
+const unsigned char kMaskValues[] = {0, 127, 128, 129, 255};
+
 TEST(DsamImage, PicksNearestPixelsForEachChannelCount) {
   const int w = 17, h = 11, lh = 4;
-  for (int ch : {1, 2, 3, 4}) {
+  for (int ch : {1, 2, 3, 4})
     for (int lw : {1, 6, 17}) {
       const int ss = w * ch + 3, ds = lw * ch + 5;
-      const auto src = RandomPlane(w * ch, h, ss, ch);
-      auto dst = RandomPlane(lw * ch, lh, ds, 99);
-      const auto before = dst;  // channels 2 must leave it alone
+      const Bytes src = RandomPlane(w * ch, h, ss, ch),
+                  before = RandomPlane(lw * ch, lh, ds, 99);
+      Bytes dst = before;
       dsam_image(src.data(), w, h, ss, dst.data(), lw, lh, ds, ch);
       // Rounded scaled positions; one column takes column 0, the last of
-      // several is pinned to the end.
-      const double sc = lw > 1 ? (w - 1.0) / (lw - 1) : 0,
-                   sr = (h - 1.0) / (lh - 1);
-      for (int y = 0; y < lh; ++y) {
-        const int sy = static_cast<int>(y * sr + 0.5);
-        for (int i = 0; i < lw * ch; ++i) {
-          const int x = i / ch;
-          const int sx =
-              lw > 1 && x == lw - 1 ? w - 1 : static_cast<int>(x * sc + 0.5);
-          ASSERT_EQ(dst[y * ds + i], ch == 2 ? before[y * ds + i]
-                                             : src[sy * ss + sx * ch + i % ch])
-              << ch << " channels, " << lw << " wide, at " << i << "," << y;
-        }
-      }
+      // several is pinned to the end. Two channels are no format.
+      const double sc = lw > 1 ? (w - 1.0) / (lw - 1) : 0;
+      EXPECT_EQ("", softmatte_test::PlaneMismatch(
+                        dst, lw * ch, lh, ds, kSentinel,
+                        [&](int i, int y) {
+                          const int x = i / ch, sy = int(y * 10.0 / 3 + 0.5),
+                                    sx = lw > 1 && x == lw - 1
+                                             ? w - 1
+                                             : int(x * sc + 0.5);
+                          return ch == 2 ? before[y * ds + i]
+                                         : src[sy * ss + sx * ch + i % ch];
+                        }))
+          << ch << " channels, " << lw << " wide";
     }
-  }
 }
 
 TEST(DsamIndex, ChoosesNearestColourOfCellAndCarriesLastMark) {
@@ -109,48 +109,39 @@ Colour MakeColour(int width, int height, int bytes, int levels, int span,
 // of least error wins. Writes the entry of (x, y) into idx and wts.
 void ReferenceEntry(const Colour& img, const Colour& low, int x, int y,
                     int mode, int* idx, short* wts) {
-  // A single row or column maps to the reduced copy's first.
+  // A single row or column maps to the reduced copy's first. Candidates: a
+  // 2 x 2 cell whose row truncates (mode 2) or a 3 x 3 window.
   const double sx = img.width > 1 ? double(low.width - 1) / (img.width - 1) : 0;
   const double sy =
       img.height > 1 ? double(low.height - 1) / (img.height - 1) : 0;
-  int u = int(x * sx + 0.5), v;
-  std::vector<int> du, dv;
-  if (mode == 2) {  // rows truncate, columns round
-    u = std::min(u, low.width - 2);
-    v = std::min(int(y * sy), low.height - 2);
-    du = {0, 1, 1, 0};
-    dv = {0, 0, 1, 1};
-  } else {
-    u = std::min(std::max(u, 1), low.width - 2);
-    v = std::min(std::max(int(y * sy + 0.5), 1), low.height - 2);
-    du = {-1, 0, 1, -1, 0, 1, -1, 0, 1};
-    dv = {-1, -1, -1, 0, 0, 0, 1, 1, 1};
-  }
-  const int n = int(du.size());
+  const bool cell = mode == 2;
+  const int lw = low.width;
+  const int u = cell ? std::min(int(x * sx + 0.5), lw - 2)
+                     : std::clamp(int(x * sx + 0.5), 1, lw - 2);
+  const int v = cell ? std::min(int(y * sy), low.height - 2)
+                     : std::clamp(int(y * sy + 0.5), 1, low.height - 2);
+  std::vector<int> at;  // indices into low
+  for (int k = 0; k < (cell ? 4 : 9); ++k)
+    at.push_back(cell ? (v + k / 2) * lw + u + (k == 1 || k == 2)
+                      : (v + k / 3 - 1) * lw + u + k % 3 - 1);
   const unsigned char* c = img.at(x, y);
-  std::vector<long long> dist(n, 1);
-  for (int k = 0; k < n; ++k) {
-    const unsigned char* p = low.at(u + du[k], v + dv[k]);
-    for (int ch = 0; ch < 3; ++ch) dist[k] += (p[ch] - c[ch]) * (p[ch] - c[ch]);
-  }
+  auto px = [&](size_t k) { return low.at(at[k] % lw, at[k] / lw); };
+  std::vector<long long> dist(at.size(), 1);
+  for (size_t k = 0; k < at.size(); ++k)
+    for (int ch = 0; ch < 3; ++ch)
+      dist[k] += (px(k)[ch] - c[ch]) * (px(k)[ch] - c[ch]);
   long long best = -1;
-  for (int i = 0; i < n; ++i) {
-    for (int j = i + 1; j < n; ++j) {
+  for (size_t i = 0; i < at.size(); ++i)
+    for (size_t j = i + 1; j < at.size(); ++j) {
       const int w = int(4096 * dist[j] / (dist[i] + dist[j]));
-      const unsigned char* pi = low.at(u + du[i], v + dv[i]);
-      const unsigned char* pj = low.at(u + du[j], v + dv[j]);
       long long e = 0;
       for (int ch = 0; ch < img.bytes; ++ch) {
-        const long long q = (pi[ch] * w + pj[ch] * (4096 - w)) / 4096;
+        const long long q = (px(i)[ch] * w + px(j)[ch] * (4096 - w)) / 4096;
         e += (q - c[ch]) * (q - c[ch]);
       }
       if (best >= 0 && e >= best) continue;
-      best = e;
-      idx[0] = (v + dv[i]) * low.width + u + du[i];
-      idx[1] = (v + dv[j]) * low.width + u + du[j];
-      *wts = short(w);
+      best = e, idx[0] = at[i], idx[1] = at[j], *wts = short(w);
     }
-  }
 }
 
 // Table planes with padding, filled with garbage (half the first indices
@@ -198,74 +189,42 @@ TEST(UsamWeights, MatchBruteForcePairSearch) {
           MakeColour(s.lowWidth, s.lowHeight, c.bytes, c.levels, c.span, rng);
       const int ms = s.width + 1;
       Bytes mask(size_t(ms) * s.height);
-      const unsigned char values[] = {0, 127, 128, 129, 255};
-      for (auto& m : mask) m = values[rng() % 5];
+      for (auto& m : mask) m = kMaskValues[rng() % 5];
       const unsigned char* maskPtr =
           c.kind == 0 || c.kind == 4 ? nullptr : mask.data();
       Table got(s.width, s.height, rng), want = got;
-      for (int y = 0; y < s.height; ++y) {
-        for (int x = 0; x < s.width; ++x) {
-          const int m = mask[size_t(y) * ms + x];
-          int* e = &want.idx[size_t(y) * want.idxStride + 2 * x];
-          const bool fill =
-              c.kind == 0 || (c.kind <= 2 && m != 0) ||
-              (c.kind >= 3 && e[0] < 0 && (c.kind == 4 || m == 128));
-          if (fill)
-            ReferenceEntry(img, low, x, y, c.mode, e,
-                           &want.wts[size_t(y) * want.wtsStride + x]);
-        }
+      const int W = s.width, H = s.height, lw = s.lowWidth, lh = s.lowHeight;
+      for (int p = 0; p < W * H; ++p) {
+        const int x = p % W, y = p / W, m = mask[size_t(y) * ms + x];
+        int* e = &want.idx[size_t(y) * want.idxStride + 2 * x];
+        if (c.kind == 0 || (c.kind <= 2 && m != 0) ||
+            (c.kind >= 3 && e[0] < 0 && (c.kind == 4 || m == 128)))
+          ReferenceEntry(img, low, x, y, c.mode, e,
+                         &want.wts[size_t(y) * want.wtsStride + x]);
       }
-      const auto* i = img.data.data();
-      const auto* l = low.data.data();
-      if (c.bytes == 4) {
-        usam_calc_weights_8u_c4(i, s.width, s.height, img.stride, maskPtr, ms,
-                                l, s.lowWidth, s.lowHeight, low.stride,
-                                got.idx.data(), got.idxStride, got.wts.data(),
-                                got.wtsStride, c.mode);
-      } else if (c.kind >= 3) {
-        usam_update_weights(i, s.width, s.height, img.stride, maskPtr, ms, 128,
-                            l, s.lowWidth, s.lowHeight, low.stride,
-                            got.idx.data(), got.idxStride, got.wts.data(),
-                            got.wtsStride);
-      } else if (c.kind == 2) {
-        usam_calc_weights_8u_c3(i, s.width, s.height, img.stride, maskPtr, ms,
-                                128, l, s.lowWidth, s.lowHeight, low.stride,
-                                got.idx.data(), got.idxStride, got.wts.data(),
-                                got.wtsStride, c.mode);
-      } else {
-        usam_calc_weights_8u_c3(i, s.width, s.height, img.stride, maskPtr, ms,
-                                l, s.lowWidth, s.lowHeight, low.stride,
-                                got.idx.data(), got.idxStride, got.wts.data(),
-                                got.wtsStride, c.mode);
-      }
-      SCOPED_TRACE(testing::Message()
-                   << s.width << "x" << s.height << " from " << s.lowWidth
-                   << "x" << s.lowHeight << ", bytes " << c.bytes << " mode "
-                   << c.mode << " kind " << c.kind);
-      ASSERT_EQ(got.idx, want.idx);
-      ASSERT_EQ(got.wts, want.wts);
+      const auto *i = img.data.data(), *l = low.data.data();
+      const int is = img.stride, ls = low.stride, xs = got.idxStride,
+                ws = got.wtsStride;
+      int* ix = got.idx.data();
+      short* wt = got.wts.data();
+      if (c.bytes == 4)
+        usam_calc_weights_8u_c4(i, W, H, is, maskPtr, ms, l, lw, lh, ls, ix, xs,
+                                wt, ws, c.mode);
+      else if (c.kind >= 3)
+        usam_update_weights(i, W, H, is, maskPtr, ms, 128, l, lw, lh, ls, ix,
+                            xs, wt, ws);
+      else if (c.kind == 2)
+        usam_calc_weights_8u_c3(i, W, H, is, maskPtr, ms, 128, l, lw, lh, ls,
+                                ix, xs, wt, ws, c.mode);
+      else
+        usam_calc_weights_8u_c3(i, W, H, is, maskPtr, ms, l, lw, lh, ls, ix, xs,
+                                wt, ws, c.mode);
+      ASSERT_TRUE(got.idx == want.idx && got.wts == want.wts)
+          << s.width << "x" << s.height << " from " << s.lowWidth << "x"
+          << s.lowHeight << ", bytes " << c.bytes << " mode " << c.mode
+          << " kind " << c.kind;
     }
   }
-}
-
-TEST(UsamWeights, WeightsAreTruncatedExactlyEvenNearAnInteger) {
-  // Pair (1, 4) has a quotient just below an integer that a rounded
-  // division would carry up, making pair (1, 3) look better.
-  const unsigned char low[27] = {203, 10,  70, 85,  240, 147, 30,  16,  53,
-                                 113, 103, 79, 39,  68,  15,  11,  232, 221,
-                                 42,  152, 95, 191, 52,  163, 132, 163, 183};
-  Bytes img(27, 0);
-  img[12] = 103;  // pixel (1, 1), whose candidates are all nine
-  img[13] = 236;
-  img[14] = 81;
-  std::vector<int> idx(18);
-  std::vector<short> wts(9);
-  usam_calc_weights_8u_c3(img.data(), 3, 3, 9, nullptr, 0, low, 3, 3, 9,
-                          idx.data(), 6, wts.data(), 3, 3);
-  const int d1 = 18 * 18 + 4 * 4 + 66 * 66 + 1;
-  const int d4 = 64 * 64 + 168 * 168 + 66 * 66 + 1;
-  EXPECT_EQ(std::make_tuple(idx[8], idx[9], +wts[4]),
-            std::make_tuple(1, 4, 4096 * d4 / (d1 + d4)));
 }
 
 TEST(UsamInterpolate, AppliesTheTableOnlyWhereThereIsAnEntry) {
@@ -283,49 +242,44 @@ TEST(UsamInterpolate, AppliesTheTableOnlyWhereThereIsAnEntry) {
       // Mostly small changes, so that every blend branch is taken.
       low[i] = std::clamp<int>(ref[i] + int(rng() % 41) - 20, 0, 255);
     }
-    const unsigned char values[] = {0, 127, 128, 129, 255};
-    for (auto& m : mask) m = values[rng() % 5];
-    for (int y = 0; y < height; ++y) {
-      for (int x = 0; x < width; ++x) {
-        int* e = &idx[size_t(y) * idxStride + 2 * x];
-        e[0] = rng() % 3 == 0 ? -1 - int(rng() % 5) : int(rng() % lowPixels);
-        e[1] = int(rng() % lowPixels);
-        const int pick = rng() % 4;
-        wts[size_t(y) * wtsStride + x] = pick == 0   ? 0
-                                         : pick == 1 ? 4096
-                                                     : rng() % 4097;
-      }
+    for (auto& m : mask) m = kMaskValues[rng() % 5];
+    for (int i = 0; i < width * height; ++i) {
+      int* e = &idx[size_t(i / width) * idxStride + 2 * (i % width)];
+      e[0] = rng() % 3 == 0 ? -1 - int(rng() % 5) : int(rng() % lowPixels);
+      e[1] = int(rng() % lowPixels);
+      const int pick = rng() % 4;
+      wts[size_t(i / width) * wtsStride + i % width] = pick == 0 ? 0
+                                                       : pick == 1
+                                                           ? 4096
+                                                           : rng() % 4097;
     }
     const Bytes before = RandomPlane(width, height, outStride, 102);
     for (int kind = 0; kind < 3; ++kind) {
       Bytes out = before, want = before;
-      for (int y = 0; y < height; ++y) {
-        for (int x = 0; x < width; ++x) {
-          const int* e = &idx[size_t(y) * idxStride + 2 * x];
-          const size_t o = size_t(y) * outStride + x;
-          if (e[0] < 0 || (kind == 1 && mask[o] != 128)) continue;
-          const int w = wts[size_t(y) * wtsStride + x];
-          const int v = (low[e[0]] * w + low[e[1]] * (4096 - w)) / 4096;
-          // The change-driven blend: nothing below a total change of 4, the
-          // interpolation outright from 32, k/32 of the way in between.
-          const int change =
-              std::abs(low[e[0]] - ref[e[0]]) + std::abs(low[e[1]] - ref[e[1]]);
-          const int k = std::min(change, 32);
-          want[o] = kind != 2    ? v
-                    : change < 4 ? before[o]
-                                 : (v * k + before[o] * (32 - k)) / 32;
-        }
+      for (int i = 0; i < width * height; ++i) {
+        const int* e = &idx[size_t(i / width) * idxStride + 2 * (i % width)];
+        const size_t o = size_t(i / width) * outStride + i % width;
+        if (e[0] < 0 || (kind == 1 && mask[o] != 128)) continue;
+        const int w = wts[size_t(i / width) * wtsStride + i % width];
+        const int v = (low[e[0]] * w + low[e[1]] * (4096 - w)) / 4096;
+        // The change-driven blend: nothing below a total change of 4, the
+        // interpolation outright from 32, k/32 of the way in between.
+        const int change =
+            std::abs(low[e[0]] - ref[e[0]]) + std::abs(low[e[1]] - ref[e[1]]);
+        const int k = std::min(change, 32);
+        want[o] = kind != 2    ? v
+                  : change < 4 ? before[o]
+                               : (v * k + before[o] * (32 - k)) / 32;
       }
-      if (kind == 2) {
+      if (kind == 2)
         usam_interpolate_mask_c1(ref.data(), low.data(), 1, lowPixels,
                                  idx.data(), idxStride, wts.data(), wtsStride,
                                  out.data(), width, height, outStride);
-      } else {
+      else
         usam_interpolate_c1(low.data(), 1, lowPixels, idx.data(), idxStride,
                             wts.data(), wtsStride, out.data(), width, height,
                             outStride, kind ? mask.data() : nullptr, outStride,
                             128);
-      }
       ASSERT_EQ(out, want) << width << "x" << height << " kind " << kind;
     }
   }
@@ -395,50 +349,6 @@ TEST(UsamGuided, ExecuteAndMaskedMatchTheTableWhereTheMaskSaysSo) {
       ASSERT_EQ(mask, want) << "mask is out";
     }
   }
-}
-
-TEST(UsamAlpha, GuidesOnlyTheWidenedTransitionZone) {
-  std::mt19937 rng(141);
-  const Colour img = MakeColour(37, 29, 3, 5, 255, rng),
-               low = MakeColour(10, 8, 3, 5, 255, rng);
-  const int w = img.width, h = img.height, lw = 10, lh = 8, laStride = lw + 3,
-            stride = w + 2;
-  // A hard-edged block with one soft pixel: flat areas and a transition.
-  Bytes la(size_t(laStride) * lh, kSentinel);
-  for (int i = 0; i < lw * lh; ++i) {
-    const int u = i % lw, v = i / lw;
-    la[v * laStride + u] = u >= 3 && u <= 6 && v >= 2 && v <= 5 ? 255 : 0;
-  }
-  la[4 * laStride + 8] = 90;
-  // Reduced pixels whose 5x5 neighbourhood is not flat (the 3x3 window of
-  // unequal values, widened by one), sampled to full size.
-  auto zone = [&](int u, int v) {
-    int lo = 255, hi = 0;
-    for (int vv = std::max(v - 2, 0); vv <= std::min(v + 2, lh - 1); ++vv) {
-      for (int uu = std::max(u - 2, 0); uu <= std::min(u + 2, lw - 1); ++uu) {
-        lo = std::min<int>(lo, la[vv * laStride + uu]);
-        hi = std::max<int>(hi, la[vv * laStride + uu]);
-      }
-    }
-    return lo != hi;
-  };
-  std::vector<int> cols(w), rows(h);
-  ff::ipf_calc_resize_tab_nn(lw, w, cols.data(), 1);
-  ff::ipf_calc_resize_tab_nn(lh, h, rows.data(), 1);
-  Bytes mask(size_t(stride) * h, 0);
-  for (int y = 0; y < h; ++y)
-    for (int x = 0; x < w; ++x) mask[y * stride + x] = zone(cols[x], rows[y]);
-  const Bytes before(mask.size(), kSentinel);
-  Bytes out = before;
-  usam_alpha(low.data.data(), lw, lh, low.stride, la.data(), laStride,
-             img.data.data(), w, h, img.stride, out.data(), stride);
-  EXPECT_EQ(out, Reference(img, low, la, laStride, mask, stride, before, true,
-                           false));
-  // Equal sizes: a copy, whatever the colours say.
-  const Bytes full = RandomPlane(w, h, stride, 152);
-  usam_alpha(img.data.data(), w, h, img.stride, full.data(), stride,
-             img.data.data(), w, h, img.stride, out.data(), stride);
-  EXPECT_EQ(out, full);
 }
 
 TEST(MergeC31, InterleavesColourAndPlane) {
