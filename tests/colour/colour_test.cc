@@ -36,13 +36,11 @@ enum Shape {
 };
 
 struct Case {
-  int width;
-  int height;
+  int width, height;
   Shape shape;
   int blobs;
   double ramp;  // soft edge width in pixels
-  unsigned char low;
-  unsigned char high;
+  unsigned char low, high;
   bool palette;  // four photo colours: composite errors tie all the time
 };
 

@@ -304,7 +304,7 @@ TEST(MatteCleanup, MatchesBruteForceReferences) {
     }
 }
 
-TEST(MatteCleanup, WindowGrowsWithTheAreaAndUnknownHolesFill) {
+TEST(MatteCleanup, WindowGrowsWithTheArea) {
   // The extremum window is 7 up to about 1.2 megapixels and grows with the
   // area after that: the reach of a dilated 5x5 square shows it. The
   // edge-only smoothing follows it on a large matte.
@@ -327,21 +327,6 @@ TEST(MatteCleanup, WindowGrowsWithTheAreaAndUnknownHolesFill) {
                          band.data(), band.stride, window / 2);
     EXPECT_TRUE(Matches(band, dst));
   }
-
-  // Unknown holes take the class around them (250 counts as foreground and
-  // 5 as background under 10/240; 60 is neither); holes across the edge,
-  // beside a neither value, or on the outermost columns only, do not.
-  Plane t(14, 9, 250);
-  for (int y = 0; y < 9; ++y) std::fill_n(&t.at(7, y), 7, 5);
-  t.at(2, 2) = t.at(3, 2) = t.at(10, 2) = t.at(6, 4) = t.at(7, 4) = t.at(2, 6) =
-      128;
-  t.at(0, 4) = t.at(0, 5) = t.at(13, 8) = 128;
-  t.at(3, 6) = 60;
-  Plane want = t;
-  want.at(2, 2) = want.at(3, 2) = 255;
-  want.at(10, 2) = want.at(0, 4) = want.at(0, 5) = want.at(13, 8) = 0;
-  mat_erase_unknown_fragment(t.data(), 14, 9, t.stride, 10, 240);
-  EXPECT_EQ(t.px, want.px);
 }
 
 TEST(MatteCleanup, NullPlanesAndEmptySizesLeaveEverythingAlone) {

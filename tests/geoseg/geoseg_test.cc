@@ -68,11 +68,10 @@ Scene MakeScene(int w, int h, int kind, std::mt19937& rng) {
   s.Relabel(rng);
   for (int i = 0; i < w * h; ++i) {
     const int x = i % w, y = i / w, along = s.across ? x : y;
-    for (int c = 0; c < 3; ++c) {
+    for (int c = 0; c < 3; ++c)
       s.rgb[y * stride + x * step + c] = kind == 0   ? rng()
                                          : kind == 1 ? (i == speck ? 255 : 9)
                                                      : shade[along / 2 * 3 + c];
-    }
   }
   return s;
 }
@@ -118,17 +117,15 @@ std::vector<unsigned int> Sweep(const Scene& s,
       for (int k = 0; k < n; ++k) {
         const int dx = Dx(k, n), dy = Dy(k, n);
         if (!(dy * sy < 0 || (dy == 0 && dx * sx < 0))) continue;
-        if (!s.In(x + dx, y + dy)) {
+        if (!s.In(x + dx, y + dy))
           all = false;
-        } else {
+        else
           best = std::min(best, d[p + dy * s.w + dx] + c[p * n + k]);
-        }
       }
-      if (n == 24) {
+      if (n == 24)
         d[p] = s.Label(p) == 0 ? best : s.Label(p) == seed ? 0 : kFar;
-      } else if (all) {
+      else if (all)
         d[p] = s.Label(p) == seed ? 0 : best;
-      }
     }
     if (!settle) break;
   }
@@ -140,9 +137,8 @@ template <typename T, typename Query>
 std::vector<T> Padded(int w, int h, T fill, Query query) {
   std::vector<T> plane((w + 2) * h, fill), out, pad;
   EXPECT_EQ(query(plane.data(), w + 2), 0);
-  for (int i = 0; i < (w + 2) * h; ++i) {
+  for (int i = 0; i < (w + 2) * h; ++i)
     (i % (w + 2) < w ? out : pad).push_back(plane[i]);
-  }
   EXPECT_EQ(pad, std::vector<T>(2 * h, fill));
   return out;
 }
@@ -185,9 +181,7 @@ TEST(GeoSeg, MatchesReferencesOnRandomImages) {
     ASSERT_EQ(seg.width + 1000 * seg.height + 1000000 * seg.row_pixels,
               s.w + 1000 * s.h + 1000000 * s.w);
     const std::vector<unsigned int> c = RefCosts(s, 4);
-    ASSERT_EQ(std::vector<unsigned int>(seg.edge_weights,
-                                        seg.edge_weights + c.size()),
-              c);
+    ASSERT_TRUE(std::equal(c.begin(), c.end(), seg.edge_weights));
     // Several label maps in turn: GetProb's scratch carries nothing over.
     for (int round = 0; round < 3; ++round, s.Relabel(rng)) {
       std::vector<unsigned int> d[3];
@@ -229,9 +223,7 @@ TEST(GeoSegN24, MatchesReferencesOnPaddedPlanes) {
     ASSERT_EQ(seg.SetImage(s.rgb.data(), s.w, s.h, s.stride, s.step, nullptr),
               0);
     const std::vector<unsigned int> c = RefCosts(s, 24);
-    ASSERT_EQ(std::vector<unsigned int>(seg.edge_weights,
-                                        seg.edge_weights + c.size()),
-              c);
+    ASSERT_TRUE(std::equal(c.begin(), c.end(), seg.edge_weights));
     saturated += std::count(c.begin(), c.end(), 65535u);
     std::vector<unsigned int> d[3];
     for (unsigned char seed : {1, 2}) {

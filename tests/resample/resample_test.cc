@@ -22,32 +22,6 @@ using Bytes = std::vector<unsigned char>;
 
 const unsigned char kMaskValues[] = {0, 127, 128, 129, 255};
 
-TEST(DsamImage, PicksNearestPixelsForEachChannelCount) {
-  const int w = 17, h = 11, lh = 4;
-  for (int ch : {1, 2, 3, 4})
-    for (int lw : {1, 6, 17}) {
-      const int ss = w * ch + 3, ds = lw * ch + 5;
-      const Bytes src = RandomPlane(w * ch, h, ss, ch),
-                  before = RandomPlane(lw * ch, lh, ds, 99);
-      Bytes dst = before;
-      dsam_image(src.data(), w, h, ss, dst.data(), lw, lh, ds, ch);
-      // Rounded scaled positions; one column takes column 0, the last of
-      // several is pinned to the end. Two channels are no format.
-      const double sc = lw > 1 ? (w - 1.0) / (lw - 1) : 0;
-      EXPECT_EQ("", softmatte_test::PlaneMismatch(
-                        dst, lw * ch, lh, ds, kSentinel,
-                        [&](int i, int y) {
-                          const int x = i / ch, sy = int(y * 10.0 / 3 + 0.5),
-                                    sx = lw > 1 && x == lw - 1
-                                             ? w - 1
-                                             : int(x * sc + 0.5);
-                          return ch == 2 ? before[y * ds + i]
-                                         : src[sy * ss + sx * ch + i % ch];
-                        }))
-          << ch << " channels, " << lw << " wide";
-    }
-}
-
 TEST(DsamIndex, ChoosesNearestColourOfCellAndCarriesLastMark) {
   std::mt19937 rng(3);
   const int w = 23, h = 9, lw = 7, lh = 4, is = w * 3 + 2, ls = lw * 3 + 5,
@@ -348,21 +322,6 @@ TEST(UsamGuided, ExecuteAndMaskedMatchTheTableWhereTheMaskSaysSo) {
                      mask.data(), stride);
       ASSERT_EQ(mask, want) << "mask is out";
     }
-  }
-}
-
-TEST(MergeC31, InterleavesColourAndPlane) {
-  for (int width : {1, 6, 13}) {
-    const int s3 = 3 * width + 2, s1 = width + 3, ds = 4 * width + 5;
-    const Bytes src3 = RandomPlane(3 * width, 5, s3, 161);
-    const Bytes src1 = RandomPlane(width, 5, s1, 162);
-    Bytes dst(size_t(ds) * 5, kSentinel);
-    merge_c31(src3.data(), width, 5, s3, src1.data(), s1, dst.data(), ds);
-    EXPECT_EQ("", softmatte_test::PlaneMismatch(
-                      dst, 4 * width, 5, ds, kSentinel, [&](int i, int y) {
-                        return i % 4 < 3 ? src3[y * s3 + i / 4 * 3 + i % 4]
-                                         : src1[y * s1 + i / 4];
-                      }));
   }
 }
 
