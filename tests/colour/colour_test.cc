@@ -1,7 +1,7 @@
 // Foreground colours: the band-only estimation worker against the exported
 // estimate on a wide range of mattes, what known pixels and missing planes
-// get, a closed form where no foreground exists, and the merge and retouching
-// of foreground colours against references written here.
+// get, a closed form where no foreground exists, and the retouching of
+// foreground colours against a reference written here.
 #include "softmatte/colour.h"
 
 #include <gtest/gtest.h>
@@ -260,37 +260,6 @@ TEST(EstimateFbColor, MatteWithoutForegroundSolvesAgainstTheBackgroundMean) {
             << x << "," << y;
       }
     }
-}
-
-// Pixel by pixel in plain ints: run on a copy with the same aliasing, it is
-// also the order the library must keep when the planes overlap.
-void MergeReference(const unsigned char* im, int w, int h, int is,
-                    unsigned char* fg, int fs) {
-  for (int y = 0; y < h; ++y)
-    for (int x = 0; x < w * 4; ++x)
-      if (x % 4 != 3) {
-        const int i = im[y * is + x / 4 * 3 + x % 4], f = fg[y * fs + x];
-        fg[y * fs + x] =
-            i + (((f - i) * fg[y * fs + x / 4 * 4 + 3] + 127) >> 8);
-      }
-}
-
-TEST(MergeForegroundColour, MatchesReferenceInBlocksTailsAndOverlaps) {
-  for (int w : {1, 15, 16, 37, 70}) {
-    const int is = w * 3 + 5, fs = w * 4 + 3, h = 3;
-    const Bytes image = RandomPlane(w * 3, h, is, w);
-    Bytes fg = RandomPlane(w * 4, h, fs, w + 1);
-    for (int x = 3; x < 4 * w; x += 20) fg[x] = x % 40 == 3 ? 0 : 255;
-    Bytes want = fg;
-    MergeReference(image.data(), w, h, is, want.data(), fs);
-    mat_merge_f_color(image.data(), w, h, is, fg.data(), fs);
-    EXPECT_EQ(fg, want) << "width " << w;
-    // The image read out of the foreground's own bytes, one pixel ahead.
-    fg = RandomPlane(w * 4 + 8, h, fs + 8, w + 2), want = fg;
-    MergeReference(want.data() + 4, w, h, fs + 8, want.data(), fs + 8);
-    mat_merge_f_color(fg.data() + 4, w, h, fs + 8, fg.data(), fs + 8);
-    EXPECT_EQ(fg, want) << "width " << w;
-  }
 }
 
 // Either improve form at one pixel, weighted by s.

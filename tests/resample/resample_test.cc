@@ -1,6 +1,6 @@
-// Reduction and guided enlargement: the nearest-pixel and nearest-colour
-// reductions, the upsampling tables against a brute-force pair search, and
-// every function that applies a table against the table's own values.
+// Guided enlargement: the upsampling tables against a brute-force pair
+// search, every function that applies a table against the table's own
+// values, and what every reduction and table function does without planes.
 #include "softmatte/resample.h"
 
 #include <gtest/gtest.h>
@@ -22,39 +22,6 @@ using Bytes = std::vector<unsigned char>;
 
 const unsigned char kMaskValues[] = {0, 127, 128, 129, 255};
 
-TEST(DsamIndex, ChoosesNearestColourOfCellAndCarriesLastMark) {
-  std::mt19937 rng(3);
-  const int w = 23, h = 9, lw = 7, lh = 4, is = w * 3 + 2, ls = lw * 3 + 5,
-            xs = w + 3;
-  Bytes img(is * h), low(ls * lh), marks(w * h);
-  for (auto& v : img) v = rng() % 3;  // few levels: equal distances are common
-  for (auto& v : low) v = rng() % 3;
-  for (auto& v : marks) v = rng() % 2 ? 128 : rng();
-  std::vector<int> index(xs * h);
-  dsam_calc_index(img.data(), w, h, is, low.data(), lw, lh, ls, index.data(),
-                  xs);
-  Bytes want_low(lw * lh, 128), got_low(lw * lh);
-  for (int y = 0; y < h; ++y) {
-    for (int x = 0; x < w; ++x) {
-      const int u = std::min(x * (lw - 1) / (w - 1), lw - 2),
-                v = std::min(y * (lh - 1) / (h - 1), lh - 2);
-      int best = -1, best_d = 1 << 30;
-      for (int k = 0; k < 4; ++k) {
-        const unsigned char *c = &img[y * is + 3 * x],
-                            *p = &low[(v + k / 2) * ls + 3 * (u + k % 2)];
-        int d = 0;
-        for (int j = 0; j < 3; ++j) d += (c[j] - p[j]) * (c[j] - p[j]);
-        if (d < best_d) best_d = d, best = (v + k / 2) * lw + u + k % 2;
-      }
-      ASSERT_EQ(index[y * xs + x], best) << "at " << x << "," << y;
-      if (marks[y * w + x] != 128) want_low[best] = marks[y * w + x];
-    }
-  }
-  dsam_ui_alpha(marks.data(), w, h, w, index.data(), xs, got_low.data(), lw, lh,
-                0, 0);
-  EXPECT_EQ(got_low, want_low);
-}
-
 // A colour plane with padded rows of evenly spaced levels spanning span:
 // few levels make exact matches and tied errors common, a narrow span keeps
 // every distance small.
@@ -70,12 +37,10 @@ Colour MakeColour(int width, int height, int bytes, int levels, int span,
                   std::mt19937& rng) {
   Colour c{width, height, bytes, width * bytes + 3, {}};
   c.data = RandomPlane(width * bytes, height, c.stride, 0);
-  for (int y = 0; y < height; ++y) {
-    for (int x = 0; x < width * bytes; ++x) {
+  for (int y = 0; y < height; ++y)
+    for (int x = 0; x < width * bytes; ++x)
       c.data[size_t(y) * c.stride + x] =
           (255 - span) / 2 + span / (levels - 1) * int(rng() % levels);
-    }
-  }
   return c;
 }
 
@@ -266,10 +231,9 @@ Bytes Reference(const Colour& img, const Colour& low, const Bytes& la,
                 int laStride, const Bytes& mask, int stride, Bytes out,
                 bool bilinear, bool only128) {
   const int w = img.width, h = img.height, lw = low.width;
-  if (bilinear) {
+  if (bilinear)
     ff::ipf_resize_bl<unsigned char, unsigned char>(
         la.data(), lw, low.height, laStride, 1, out.data(), w, h, stride, 1, 1);
-  }
   std::vector<int> idx(2 * w * h);
   std::vector<short> wts(w * h);
   usam_calc_weights_8u_c3(img.data.data(), w, h, img.stride, nullptr, 0,
@@ -296,9 +260,8 @@ TEST(UsamGuided, ExecuteAndMaskedMatchTheTableWhereTheMaskSaysSo) {
     for (int laStride : {lw, lw + 3}) {  // a padded one is made dense first
       const Bytes la = RandomPlane(lw, lh, laStride, rng());
       Bytes mask = RandomPlane(w, h, stride, rng());
-      for (int i = 0; i < w * h; ++i) {
+      for (int i = 0; i < w * h; ++i)
         if (rng() % 2) mask[i / w * stride + i % w] = rng() % 2 ? 0 : 128;
-      }
       const Bytes before = RandomPlane(w, h, stride, 122);
       Bytes out = before;
       if (laStride == lw) {
