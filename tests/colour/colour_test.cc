@@ -25,15 +25,12 @@ using softmatte_test::PaddingIntact;
 using softmatte_test::RandomPlane;
 using Bytes = std::vector<unsigned char>;
 
-// What the matte of a case looks like.
-enum Shape {
-  kBlobs,         // soft-edged discs, some across the border
-  kNoForeground,  // the blobs capped below high
-  kNoBackground,  // the blobs lifted above low
-  kSpeckled,      // blobs plus isolated unknown pixels in the known areas
-  kNoise,         // mostly hard random values with a third soft
-  kSpeck,         // one tiny hard core in a wide halo: few known pixels
-};
+// What the matte of a case looks like: soft-edged discs, some across the
+// border; the discs capped below high (no foreground) or lifted above low (no
+// background); discs plus isolated unknown pixels in the known areas; mostly
+// hard random values with a third soft; one tiny hard core in a wide halo
+// (few known pixels).
+enum Shape { kBlobs, kNoForeground, kNoBackground, kSpeckled, kNoise, kSpeck };
 
 struct Case {
   int width, height;
@@ -142,21 +139,20 @@ TEST(EstimateForegroundBand, WritesTheBytesOfTheFullEstimate) {
   const std::vector<Case> cases = Cases();
   for (size_t k = 0; k < cases.size(); ++k) {
     const Case& c = cases[k];
-    SCOPED_TRACE(testing::Message() << "case " << k);
     const Scene s = MakeScene(c, static_cast<uint32_t>(k + 1));
     const int stride = 3 * c.width + 2, bstride = 3 * c.width + 5;
-    std::vector<unsigned char> want(size_t(stride) * c.height, kSentinel);
-    std::vector<unsigned char> got = want;
-    std::vector<unsigned char> back(size_t(bstride) * c.height, kSentinel);
+    Bytes want(size_t(stride) * c.height, kSentinel),
+        got = want, back(size_t(bstride) * c.height, kSentinel);
     mat_estimate_fb_color(s.image.data(), c.width, c.height, s.imageStride,
                           s.alpha.data(), s.alphaStride, want.data(), stride,
                           back.data(), bstride, c.low, c.high);
     estimate_foreground_band(s.image.data(), c.width, c.height, s.imageStride,
                              s.alpha.data(), s.alphaStride, got.data(), stride,
                              c.low, c.high);
-    ASSERT_TRUE(PaddingIntact(got, 3 * c.width, c.height, stride));
-    ASSERT_TRUE(PaddingIntact(back, 3 * c.width, c.height, bstride));
-    ASSERT_TRUE(got == want);
+    ASSERT_TRUE(PaddingIntact(got, 3 * c.width, c.height, stride) &&
+                PaddingIntact(back, 3 * c.width, c.height, bstride) &&
+                got == want)
+        << "case " << k;
   }
 }
 

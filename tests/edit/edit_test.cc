@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <numeric>
 #include <random>
 #include <tuple>
 #include <utility>
@@ -93,17 +94,16 @@ struct Components {
 Components FloodFill(const std::vector<int>& values, int step) {
   const int n = int(values.size());
   Components c{std::vector<int>(n), std::vector<int>(n, 0)};
-  for (int i = 0; i < n; ++i) c.label[i] = i;
+  std::iota(c.label.begin(), c.label.end(), 0);
   for (bool changed = true; changed;) {
     changed = false;
-    for (int i = 0; i < n; ++i) {
+    for (int i = 0; i < n; ++i)
       for (int j : {(i + 1) % step ? i + 1 : n, i + step}) {
         if (j >= n || values[j] != values[i] || c.label[i] == c.label[j])
           continue;
         c.label[i] = c.label[j] = std::min(c.label[i], c.label[j]);
         changed = true;
       }
-    }
   }
   for (int l : c.label) ++c.size[l];
   return c;
@@ -143,7 +143,7 @@ Plane Extremum(const Plane& p, int ksize, int iterations, int op) {
 Plane EdgeReference(const Plane& src, const Plane& hi, const Plane& lo,
                     int ksize, bool smooth) {
   Plane out = src;
-  for (int y = 0; y < src.height; ++y) {
+  for (int y = 0; y < src.height; ++y)
     for (int x = 0; x < src.width; ++x) {
       const float m = static_cast<float>(MeanReference(src, x, y, ksize));
       const float mx = hi.at(x, y);
@@ -161,7 +161,6 @@ Plane EdgeReference(const Plane& src, const Plane& hi, const Plane& lo,
       }
       out.at(x, y) = static_cast<unsigned char>(std::clamp(v, 0.0f, 255.0f));
     }
-  }
   return out;
 }
 
@@ -352,9 +351,8 @@ TEST(MatteCleanup, NullPlanesAndEmptySizesLeaveEverythingAlone) {
   erase_small_cc_runs(nullptr, 9, 7, s, 0, 1);
   erase_small_cc_runs(b.data(), 9, 0, s, 0, 1);
   erase_small_cc_runs(b.data(), 0, 7, s, 0, 1);
-  EXPECT_EQ(a.px, a0.px);
-  EXPECT_EQ(b.px, b0.px);
-  EXPECT_EQ(std::count(ints, ints + 63, 0), 63);
+  EXPECT_TRUE(a.px == a0.px && b.px == b0.px &&
+              std::count(ints, ints + 63, 0) == 63);
 }
 
 TEST(BrushFilters, ErodeDilateSmoothAndThresholdMatchReference) {
@@ -363,8 +361,8 @@ TEST(BrushFilters, ErodeDilateSmoothAndThresholdMatchReference) {
     const int h = 6, s = (w + 4) * 3 + 1;
     const Bytes big = RandomPlane((w + 4) * 3, h + 4, s, w);
     const unsigned char* alpha = big.data() + 2 * s + 2;  // 3 channels at +6
-    const Bytes weight = RandomPlane(w, h, s, w + 1);
-    const Bytes dst = RandomPlane(w * 3, h, s, w + 2);
+    const Bytes weight = RandomPlane(w, h, s, w + 1),
+                dst = RandomPlane(w * 3, h, s, w + 2);
     Bytes ero = dst, dil = dst, smooth = dst, out1 = dst, out2 = dst;
     mat_erode_brush(alpha, w, h, s, weight.data(), s, ero.data(), s, 5, b);
     mat_dilate_brush(alpha, w, h, s, weight.data(), s, dil.data(), s, 5, b);

@@ -291,20 +291,17 @@ TEST(UsamGuided, ExecuteAndMaskedMatchTheTableWhereTheMaskSaysSo) {
 // Every reduction, table builder and table user with one plane missing
 // writes nothing (and a missing output crashes nothing).
 TEST(Usam, NullPlanesWriteNothing) {
-  std::mt19937 rng(171);
-  const Colour image = MakeColour(11, 9, 4, 256, 255, rng),
-               small = MakeColour(4, 3, 4, 256, 255, rng);
-  const Bytes la(12, 9), before(11 * 9 * 4, 77);
-  Table table(11, 9, rng);
-  const Table table0 = table;
+  const int w = 11, h = 9, is = w * 4 + 3, ls = 4 * 4 + 3, xs = 2 * w, ws = w;
+  const Bytes image = RandomPlane(w * 4, h, is, 1),
+              small = RandomPlane(4 * 4, 3, ls, 2), la(12, 9),
+              before(w * h * 4, 77);
+  std::vector<int> index(xs * h, -3), index0 = index;
+  std::vector<short> weights(ws * h, 5), weights0 = weights;
   Bytes out = before;
   unsigned char* o = out.data();
-  const unsigned char *img = image.data.data(), *low = small.data.data(),
-                      *a = la.data();
-  int* idx = table.idx.data();
-  short* wts = table.wts.data();
-  const int w = 11, h = 9, is = image.stride, ls = small.stride,
-            xs = table.idxStride, ws = table.wtsStride;
+  const unsigned char *img = image.data(), *low = small.data(), *a = la.data();
+  int* idx = index.data();
+  short* wts = weights.data();
   usam_calc_weights_8u_c3(nullptr, w, h, is, nullptr, 0, low, 4, 3, ls, idx, xs,
                           wts, ws, 3);
   usam_calc_weights_8u_c3(img, w, h, is, nullptr, 0, nullptr, 4, 3, ls, idx, xs,
@@ -315,8 +312,7 @@ TEST(Usam, NullPlanesWriteNothing) {
                           nullptr, ws, 3);
   usam_update_weights(nullptr, w, h, is, nullptr, 0, 0, low, 4, 3, ls, idx, xs,
                       wts, ws);
-  EXPECT_EQ(table.idx, table0.idx);
-  EXPECT_EQ(table.wts, table0.wts);
+  EXPECT_TRUE(index == index0 && weights == weights0);
   usam_interpolate_c1(nullptr, 4, 3, idx, 2, wts, 1, o, 1, 1, 1);
   usam_interpolate_c1(a, 4, 3, nullptr, 2, wts, 1, o, 1, 1, 1);
   usam_interpolate_c1(a, 4, 3, idx, 2, nullptr, 1, o, 1, 1, 1, a, 1, 9);
@@ -332,8 +328,7 @@ TEST(Usam, NullPlanesWriteNothing) {
   dsam_calc_index(img, w, h, is, low, 4, 3, ls, nullptr, xs);
   dsam_ui_alpha(a, w, h, w, nullptr, xs, o, 4, 3, 0, 0);
   dsam_ui_alpha(nullptr, w, h, w, idx, xs, o, 4, 3, 0, 0);
-  EXPECT_EQ(out, before);
-  EXPECT_EQ(table.idx, table0.idx);
+  EXPECT_TRUE(out == before && index == index0);
   // Null outputs must not crash either.
   usam_alpha(low, 4, 3, ls, a, 4, img, w, h, is, nullptr, w);
   merge_c31(img, w, h, is, a, 4, nullptr, 0);
