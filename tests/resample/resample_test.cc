@@ -83,30 +83,13 @@ void ReferenceEntry(const Colour& img, const Colour& low, int x, int y,
     }
 }
 
-// Table planes with padding, filled with garbage (half the first indices
-// negative, i.e. holes) that untouched entries and the padding must keep.
-struct Table {
-  int idxStride, wtsStride;
-  std::vector<int> idx;
-  std::vector<short> wts;
-  Table(int w, int h, std::mt19937& rng)
-      : idxStride(2 * w + 3), wtsStride(w + 5) {
-    idx.resize(size_t(idxStride) * h);
-    wts.resize(size_t(wtsStride) * h);
-    for (auto& v : idx) v = int(rng() % 2000) - 1000;
-    for (auto& v : wts) v = short(rng());
-  }
-};
-
 TEST(UsamWeights, MatchBruteForcePairSearch) {
-  struct Size {
-    int width, height, lowWidth, lowHeight;
-  };
   // Reductions by various ratios, equal sizes, an enlargement and a single
-  // row or column (which maps to the reduced copy's first).
-  const Size sizes[] = {{13, 11, 5, 4},   {31, 17, 9, 6}, {7, 9, 3, 3},
-                        {25, 19, 25, 19}, {9, 7, 14, 10}, {2, 2, 3, 3},
-                        {9, 1, 5, 3},     {1, 7, 3, 4}};
+  // row or column (which maps to the reduced copy's first): width, height,
+  // reduced width and height.
+  const int sizes[][4] = {{13, 11, 5, 4},   {31, 17, 9, 6}, {7, 9, 3, 3},
+                          {25, 19, 25, 19}, {9, 7, 14, 10}, {2, 2, 3, 3},
+                          {9, 1, 5, 3},     {1, 7, 3, 4}};
   // kind 0 fills all, 1 where the mask is non-zero, 2 the same through the
   // form with a mask value, 3 the holes where the mask is 128 (update), 4
   // every hole (update without a mask).
@@ -119,33 +102,36 @@ TEST(UsamWeights, MatchBruteForcePairSearch) {
                  {4, 2, 0, 256, 255}, {4, 3, 0, 3, 255},   {4, 2, 1, 2, 255},
                  {4, 3, 1, 21, 20}};
   std::mt19937 rng(11);
-  for (const auto& c : configs) {
-    for (const Size& s : sizes) {
-      if (c.mode != 2 && (s.lowWidth < 3 || s.lowHeight < 3)) continue;
-      const Colour img =
-          MakeColour(s.width, s.height, c.bytes, c.levels, c.span, rng);
-      const Colour low =
-          MakeColour(s.lowWidth, s.lowHeight, c.bytes, c.levels, c.span, rng);
-      const int ms = s.width + 1;
-      Bytes mask(size_t(ms) * s.height);
+  for (const auto& c : configs)
+    for (const auto [W, H, lw, lh] : sizes) {
+      if (c.mode != 2 && (lw < 3 || lh < 3)) continue;
+      const Colour img = MakeColour(W, H, c.bytes, c.levels, c.span, rng),
+                   low = MakeColour(lw, lh, c.bytes, c.levels, c.span, rng);
+      const int ms = W + 1, xs = 2 * W + 3, ws = W + 5;
+      Bytes mask(size_t(ms) * H);
       for (auto& m : mask) m = kMaskValues[rng() % 5];
       const unsigned char* maskPtr =
           c.kind == 0 || c.kind == 4 ? nullptr : mask.data();
-      Table got(s.width, s.height, rng), want = got;
-      const int W = s.width, H = s.height, lw = s.lowWidth, lh = s.lowHeight;
+      // Garbage (half the first indices negative, i.e. holes) that the
+      // padding and the entries left alone must keep.
+      std::vector<int> got(size_t(xs) * H);
+      std::vector<short> got_wts(size_t(ws) * H);
+      for (auto& v : got) v = int(rng() % 2000) - 1000;
+      for (auto& v : got_wts) v = short(rng());
+      std::vector<int> want = got;
+      std::vector<short> want_wts = got_wts;
       for (int p = 0; p < W * H; ++p) {
         const int x = p % W, y = p / W, m = mask[size_t(y) * ms + x];
-        int* e = &want.idx[size_t(y) * want.idxStride + 2 * x];
+        int* e = &want[size_t(y) * xs + 2 * x];
         if (c.kind == 0 || (c.kind <= 2 && m != 0) ||
             (c.kind >= 3 && e[0] < 0 && (c.kind == 4 || m == 128)))
           ReferenceEntry(img, low, x, y, c.mode, e,
-                         &want.wts[size_t(y) * want.wtsStride + x]);
+                         &want_wts[size_t(y) * ws + x]);
       }
       const auto *i = img.data.data(), *l = low.data.data();
-      const int is = img.stride, ls = low.stride, xs = got.idxStride,
-                ws = got.wtsStride;
-      int* ix = got.idx.data();
-      short* wt = got.wts.data();
+      const int is = img.stride, ls = low.stride;
+      int* ix = got.data();
+      short* wt = got_wts.data();
       if (c.bytes == 4)
         usam_calc_weights_8u_c4(i, W, H, is, maskPtr, ms, l, lw, lh, ls, ix, xs,
                                 wt, ws, c.mode);
@@ -158,12 +144,10 @@ TEST(UsamWeights, MatchBruteForcePairSearch) {
       else
         usam_calc_weights_8u_c3(i, W, H, is, maskPtr, ms, l, lw, lh, ls, ix, xs,
                                 wt, ws, c.mode);
-      ASSERT_TRUE(got.idx == want.idx && got.wts == want.wts)
-          << s.width << "x" << s.height << " from " << s.lowWidth << "x"
-          << s.lowHeight << ", bytes " << c.bytes << " mode " << c.mode
-          << " kind " << c.kind;
+      ASSERT_TRUE(got == want && got_wts == want_wts)
+          << W << "x" << H << " from " << lw << "x" << lh << ", bytes "
+          << c.bytes << " mode " << c.mode << " kind " << c.kind;
     }
-  }
 }
 
 TEST(UsamInterpolate, AppliesTheTableOnlyWhereThereIsAnEntry) {
