@@ -281,8 +281,8 @@ TEST(ImproveForeground, BothFormsAndTheMapMatchReference) {
               al = lv(RandomPlane(w, h, s1, 2));
   Bytes map = lv(RandomPlane(w * 4, h, s4, 3)), map_want = map;
   Bytes done = lv(RandomPlane(w, h, s1, 4)), done_want = done;
-  Bytes out = RandomPlane(w * 4, h, s4, 5), out_want = out, out2 = out;
-  Bytes out2_want = out;
+  Bytes out = RandomPlane(w * 4, h, s4, 5), out_want = out, out2 = out,
+        out2_want = out;
   const unsigned char refs[2][4] = {{10, 200, 90, 129}, {250, 3, 77, 128}};
   for (int k = 0; k < 2; ++k) {
     const unsigned char* ref = refs[k];

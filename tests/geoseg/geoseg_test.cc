@@ -143,6 +143,13 @@ std::vector<T> Padded(int w, int h, T fill, Query query) {
   return out;
 }
 
+template <typename Seg>
+std::vector<unsigned int> Dist(Seg& seg, const Scene& s, unsigned char seed) {
+  return Padded(s.w, s.h, 0xA5A5A5A5u, [&](unsigned int* p, int n) {
+    return seg.GetDist(s.labels.data(), s.w + 3, p, n, seed);
+  });
+}
+
 // What GetProb must make of the distances. The cap comes from sorting, not
 // a histogram walk: one bin below the bin of the (n / 10)-th largest
 // distance, or the top bin when n / 10 is 0.
@@ -187,13 +194,7 @@ TEST(GeoSeg, MatchesReferencesOnRandomImages) {
       std::vector<unsigned int> d[3];
       for (unsigned char seed : {1, 2, 255}) {
         d[seed % 3] = Sweep(s, c, 4, seed, false);
-        EXPECT_EQ(Padded(s.w, s.h, 0xA5A5A5A5u,
-                         [&](unsigned int* p, int n) {
-                           return seg.GetDist(s.labels.data(), s.w + 3, p, n,
-                                              seed);
-                         }),
-                  d[seed % 3])
-            << "seed " << +seed;
+        EXPECT_EQ(Dist(seg, s, seed), d[seed % 3]) << "seed " << +seed;
       }
       EXPECT_EQ(Padded(s.w, s.h, -1.0f,
                        [&](float* p, int n) {
@@ -203,9 +204,8 @@ TEST(GeoSeg, MatchesReferencesOnRandomImages) {
     }
   }
   EXPECT_EQ(seg.SetImage(nullptr, 4, 3, 12, 3), -1);
-  EXPECT_EQ(seg.edge_weights, nullptr);
-  EXPECT_EQ(seg.distance_buffer, nullptr);
-  EXPECT_EQ(seg.width + seg.height + seg.row_pixels, 0);
+  EXPECT_TRUE(!seg.edge_weights && !seg.distance_buffer &&
+              seg.width + seg.height + seg.row_pixels == 0);
   // Without pixels the caller's plane is not even initialised.
   const unsigned char pixels[15 * 5] = {}, label = 1;
   ASSERT_EQ(seg.SetImage(pixels, 0, 5, 15, 3), 0);
@@ -225,9 +225,7 @@ TEST(GeoSegN24, MatchesReferencesOnPaddedPlanes) {
     ASSERT_TRUE(std::equal(c.begin(), c.end(), seg.edge_weights));
     std::vector<unsigned int> d[3];
     for (unsigned char seed : {1, 2}) {
-      d[seed] = Padded(s.w, s.h, 0xA5A5A5A5u, [&](unsigned int* p, int n) {
-        return seg.GetDist(s.labels.data(), s.w + 3, p, n, seed);
-      });
+      d[seed] = Dist(seg, s, seed);
       EXPECT_EQ(d[seed], Sweep(s, c, 24, seed, false))
           << i << " seed " << +seed;
     }

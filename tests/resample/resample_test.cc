@@ -167,14 +167,12 @@ TEST(UsamInterpolate, AppliesTheTableOnlyWhereThereIsAnEntry) {
     }
     for (auto& m : mask) m = kMaskValues[rng() % 5];
     for (int i = 0; i < width * height; ++i) {
-      int* e = &idx[size_t(i / width) * idxStride + 2 * (i % width)];
+      const size_t y = i / width, x = i % width;
+      int* e = &idx[y * idxStride + 2 * x];
       e[0] = rng() % 3 == 0 ? -1 - int(rng() % 5) : int(rng() % lowPixels);
       e[1] = int(rng() % lowPixels);
       const int pick = rng() % 4;
-      wts[size_t(i / width) * wtsStride + i % width] = pick == 0 ? 0
-                                                       : pick == 1
-                                                           ? 4096
-                                                           : rng() % 4097;
+      wts[y * wtsStride + x] = pick == 0 ? 0 : pick == 1 ? 4096 : rng() % 4097;
     }
     const Bytes before = RandomPlane(width, height, outStride, 102);
     for (int kind = 0; kind < 3; ++kind) {
