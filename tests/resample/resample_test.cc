@@ -246,25 +246,21 @@ TEST(UsamGuided, ExecuteAndMaskedMatchTheTableWhereTheMaskSaysSo) {
         if (rng() % 2) mask[i / w * stride + i % w] = rng() % 2 ? 0 : 128;
       const Bytes before = RandomPlane(w, h, stride, 122);
       Bytes out = before;
+      const unsigned char *im = img.data.data(), *lo = low.data.data();
       if (laStride == lw) {
-        usam_execute(img.data.data(), w, h, img.stride, mask.data(), stride,
-                     128, low.data.data(), lw, lh, low.stride, la.data(),
-                     out.data(), stride);
+        usam_execute(im, w, h, img.stride, mask.data(), stride, 128, lo, lw, lh,
+                     low.stride, la.data(), out.data(), stride);
         ASSERT_EQ(out, Reference(img, low, la, laStride, mask, stride, before,
-                                 false, true))
-            << "execute " << w << "x" << h;
+                                 false, true));
       }
-      usam_masked_c1(low.data.data(), lw, lh, low.stride, la.data(), laStride,
-                     img.data.data(), w, h, img.stride, mask.data(), stride,
-                     out.data(), stride);
+      usam_masked_c1(lo, lw, lh, low.stride, la.data(), laStride, im, w, h,
+                     img.stride, mask.data(), stride, out.data(), stride);
       const Bytes want =
           Reference(img, low, la, laStride, mask, stride, before, true, false);
-      ASSERT_EQ(out, want) << "masked " << w << "x" << h << " alpha stride "
-                           << laStride;
+      ASSERT_EQ(out, want) << "alpha stride " << laStride;
       // The mask may be the output itself.
-      usam_masked_c1(low.data.data(), lw, lh, low.stride, la.data(), laStride,
-                     img.data.data(), w, h, img.stride, mask.data(), stride,
-                     mask.data(), stride);
+      usam_masked_c1(lo, lw, lh, low.stride, la.data(), laStride, im, w, h,
+                     img.stride, mask.data(), stride, mask.data(), stride);
       ASSERT_EQ(mask, want) << "mask is out";
     }
   }
