@@ -55,12 +55,9 @@ struct Scene {
 
 Scene MakeScene(const Case& c, uint32_t seed) {
   std::mt19937 rng(seed);
-  Scene s{c.width,
-          c.height,
-          int(3 * c.width + 1 + seed % 5),
-          int(c.width + seed % 3),
-          {},
-          {}};
+  Scene s{c.width, c.height, 0, 0, {}, {}};
+  s.imageStride = int(3 * c.width + 1 + seed % 5);
+  s.alphaStride = int(c.width + seed % 3);
   s.image.assign(size_t(s.imageStride) * c.height, kSentinel);
   s.alpha.assign(size_t(s.alphaStride) * c.height, kSentinel);
   const unsigned char palette[4][3] = {
@@ -78,15 +75,13 @@ Scene MakeScene(const Case& c, uint32_t seed) {
     discs.push_back({double(rng() % (c.width + 4)) - 2,
                      double(rng() % (c.height + 4)) - 2,
                      1.0 + rng() % std::max(2, side / (c.blobs + 1))});
-  for (int y = 0; y < c.height; ++y) {
+  for (int y = 0; y < c.height; ++y)
     for (int x = 0; x < c.width; ++x) {
       double a = 0.0;
       for (const auto& d : discs)
-        a = std::max(
-            a,
-            std::clamp(0.5 - (std::hypot(x - d[0], y - d[1]) - d[2]) / c.ramp,
-                       0.0, 1.0));
-      const int v = static_cast<int>(std::lround(a * 255)),
+        a = std::max(a, 0.5 - (std::hypot(x - d[0], y - d[1]) - d[2]) / c.ramp);
+      const int v = static_cast<int>(
+                    std::lround(std::clamp(a, 0.0, 1.0) * 255)),
                 n = rng() % 3 == 0 ? rng() % 256 : (rng() % 2) * 255;
       const double speck = std::hypot(x - c.width / 2.0, y - c.height / 2.0);
       s.Alpha(x, y) = static_cast<unsigned char>(
@@ -98,7 +93,6 @@ Scene MakeScene(const Case& c, uint32_t seed) {
               ? std::lround(std::clamp(1.2 - speck / c.ramp, 0.0, 1.0) * 255)
               : v);
     }
-  }
   return s;
 }
 
