@@ -1,18 +1,18 @@
 // Foreground colours: the band-only estimation worker against the exported
 // estimate on a wide range of mattes, what known pixels and missing planes
-// get, a closed form where no foreground exists, the recovery of a synthetic
-// composite, and the merge and retouching of foreground colours against
-// references written here.
+// get, a closed form where no foreground exists, and the retouching of
+// foreground colours against a reference written here.
 #include "softmatte/colour.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <random>
-#include <string>
+#include <tuple>
 #include <vector>
 
 #include "colour/fb_color.h"
@@ -25,24 +25,19 @@ using softmatte_test::PaddingIntact;
 using softmatte_test::RandomPlane;
 using Bytes = std::vector<unsigned char>;
 
-// What the matte of a case looks like.
-enum Shape {
-  kBlobs,         // soft-edged discs, some across the border
-  kNoForeground,  // the blobs capped below high
-  kNoBackground,  // the blobs lifted above low
-  kSpeckled,      // blobs plus isolated unknown pixels in the known areas
-  kNoise,         // mostly hard random values with a third soft
-  kSpeck,         // one tiny hard core in a wide halo: few known pixels
-};
+// What the matte of a case looks like: soft-edged discs, some across the
+// border; the discs capped below high (no foreground) or lifted above low (no
+// background); discs plus isolated unknown pixels in the known areas; mostly
+// hard random values with a third soft; one tiny hard core in a wide halo
+// (few known pixels).
+enum Shape { kBlobs, kNoForeground, kNoBackground, kSpeckled, kNoise, kSpeck };
 
 struct Case {
-  int width;
-  int height;
+  int width, height;
   Shape shape;
   int blobs;
   double ramp;  // soft edge width in pixels
-  unsigned char low;
-  unsigned char high;
+  unsigned char low, high;
   bool palette;  // four photo colours: composite errors tie all the time
 };
 
@@ -61,39 +56,32 @@ struct Scene {
 Scene MakeScene(const Case& c, uint32_t seed) {
   std::mt19937 rng(seed);
   Scene s{c.width, c.height, 0, 0, {}, {}};
-  s.imageStride = 3 * c.width + 1 + seed % 5;
-  s.alphaStride = c.width + seed % 3;
+  s.imageStride = int(3 * c.width + 1 + seed % 5);
+  s.alphaStride = int(c.width + seed % 3);
   s.image.assign(size_t(s.imageStride) * c.height, kSentinel);
   s.alpha.assign(size_t(s.alphaStride) * c.height, kSentinel);
   const unsigned char palette[4][3] = {
       {10, 200, 30}, {240, 240, 240}, {90, 20, 160}, {10, 200, 31}};
-  for (int y = 0; y < c.height; ++y) {
-    for (int x = 0; x < 3 * c.width; x += 3) {
+  for (int y = 0; y < c.height; ++y)
+    for (int x = 0; x < c.width; ++x) {
       const int p = rng() % 4;
-      for (int k = 0; k < 3; ++k) {
-        s.image[size_t(y) * s.imageStride + x + k] =
+      for (int k = 0; k < 3; ++k)
+        s.Pixel(x, y)[k] =
             c.palette ? palette[p][k] : static_cast<unsigned char>(rng());
-      }
     }
-  }
-  struct Disc {
-    double x, y, r;
-  };
-  std::vector<Disc> discs;
+  std::vector<std::array<double, 3>> discs;  // centre and radius
   const int side = std::max(c.width, c.height);
-  for (int k = 0; k < c.blobs; ++k) {
+  for (int k = 0; k < c.blobs; ++k)
     discs.push_back({double(rng() % (c.width + 4)) - 2,
                      double(rng() % (c.height + 4)) - 2,
                      1.0 + rng() % std::max(2, side / (c.blobs + 1))});
-  }
-  for (int y = 0; y < c.height; ++y) {
+  for (int y = 0; y < c.height; ++y)
     for (int x = 0; x < c.width; ++x) {
       double a = 0.0;
-      for (const Disc& d : discs) {
-        const double e = std::hypot(x - d.x, y - d.y) - d.r;
-        a = std::max(a, std::clamp(0.5 - e / c.ramp, 0.0, 1.0));
-      }
-      const int v = static_cast<int>(std::lround(a * 255)),
+      for (const auto& d : discs)
+        a = std::max(a, 0.5 - (std::hypot(x - d[0], y - d[1]) - d[2]) / c.ramp);
+      const int v = static_cast<int>(
+                    std::lround(std::clamp(a, 0.0, 1.0) * 255)),
                 n = rng() % 3 == 0 ? rng() % 256 : (rng() % 2) * 255;
       const double speck = std::hypot(x - c.width / 2.0, y - c.height / 2.0);
       s.Alpha(x, y) = static_cast<unsigned char>(
@@ -105,7 +93,6 @@ Scene MakeScene(const Case& c, uint32_t seed) {
               ? std::lround(std::clamp(1.2 - speck / c.ramp, 0.0, 1.0) * 255)
               : v);
     }
-  }
   return s;
 }
 
@@ -146,24 +133,20 @@ TEST(EstimateForegroundBand, WritesTheBytesOfTheFullEstimate) {
   const std::vector<Case> cases = Cases();
   for (size_t k = 0; k < cases.size(); ++k) {
     const Case& c = cases[k];
-    SCOPED_TRACE(testing::Message() << "case " << k);
     const Scene s = MakeScene(c, static_cast<uint32_t>(k + 1));
     const int stride = 3 * c.width + 2, bstride = 3 * c.width + 5;
-    std::vector<unsigned char> want(size_t(stride) * c.height, kSentinel);
-    std::vector<unsigned char> got = want;
-    std::vector<unsigned char> back(size_t(bstride) * c.height, kSentinel);
+    Bytes want(size_t(stride) * c.height, kSentinel),
+        got = want, back(size_t(bstride) * c.height, kSentinel);
     mat_estimate_fb_color(s.image.data(), c.width, c.height, s.imageStride,
                           s.alpha.data(), s.alphaStride, want.data(), stride,
                           back.data(), bstride, c.low, c.high);
     estimate_foreground_band(s.image.data(), c.width, c.height, s.imageStride,
                              s.alpha.data(), s.alphaStride, got.data(), stride,
                              c.low, c.high);
-    ASSERT_TRUE(PaddingIntact(got, 3 * c.width, c.height, stride));
-    ASSERT_TRUE(PaddingIntact(back, 3 * c.width, c.height, bstride));
-    for (size_t i = 0; i < got.size(); ++i) {
-      ASSERT_EQ(got[i], want[i]) << ": pixel " << (i % stride) / 3 << ","
-                                 << i / stride << " channel " << i % stride % 3;
-    }
+    ASSERT_TRUE(PaddingIntact(got, 3 * c.width, c.height, stride) &&
+                PaddingIntact(back, 3 * c.width, c.height, bstride) &&
+                got == want)
+        << "case " << k;
   }
 }
 
@@ -207,36 +190,32 @@ Outputs Estimate(Scene& p) {
 TEST(EstimateFbColor, NullPlanesWriteNothingAndOutputsComeInTheirOrder) {
   Scene s = MakeScene({41, 23, kBlobs, 2, 6, 1, 253, false}, 77);
   const Outputs want = Estimate(s);
-  const Bytes &wantF = want.plane[0], &wantB = want.plane[1];
-  const unsigned char *image = s.image.data(), *alpha = s.alpha.data();
+  const unsigned char *im = s.image.data(), *al = s.alpha.data();
   const int w = s.width, h = s.height, is = s.imageStride, as = s.alphaStride;
   const int fs = want.stride[0], bs = want.stride[1];
   const Bytes blankF(size_t(fs) * h, kSentinel),
       blankB(size_t(bs) * h, kSentinel);
   Bytes fg = blankF, bg = blankB;
-  mat_estimate_fb_color(nullptr, w, h, is, alpha, as, fg.data(), fs, bg.data(),
-                        bs, 1, 253);
-  estimate_fb_color_x(image, w, h, is, nullptr, as, bg.data(), bs, fg.data(),
-                      fs, 1, 253);
-  for (const auto& [im, al, width, height] :
-       {std::tuple{(const unsigned char*)nullptr, alpha, w, h},
-        {image, nullptr, w, h},
-        {image, alpha, 0, h},
-        {image, alpha, w, 0}}) {
-    estimate_foreground_band(im, width, height, is, al, as, fg.data(), fs, 1,
-                             253);
-  }
-  EXPECT_EQ(fg, blankF);
-  EXPECT_EQ(bg, blankB);
-  estimate_foreground_band(image, w, h, is, alpha, as, nullptr, fs, 1, 253);
-  estimate_fb_color_x(image, w, h, is, alpha, as, bg.data(), bs, fg.data(), fs,
-                      1, 253);
-  EXPECT_EQ(fg, wantF);
-  EXPECT_EQ(bg, wantB);
-  fg = blankF;
-  mat_estimate_fb_color(image, w, h, is, alpha, as, fg.data(), fs, nullptr, 0,
+  mat_estimate_fb_color(nullptr, w, h, is, al, as, fg.data(), fs, bg.data(), bs,
                         1, 253);
-  EXPECT_EQ(fg, wantF);
+  estimate_fb_color_x(im, w, h, is, nullptr, as, bg.data(), bs, fg.data(), fs,
+                      1, 253);
+  for (const auto& [i, a, width, height] :
+       {std::tuple{(const unsigned char*)nullptr, al, w, h},
+        {im, nullptr, w, h},
+        {im, al, 0, h},
+        {im, al, w, 0}})
+    estimate_foreground_band(i, width, height, is, a, as, fg.data(), fs, 1,
+                             253);
+  EXPECT_TRUE(fg == blankF && bg == blankB);
+  estimate_foreground_band(im, w, h, is, al, as, nullptr, fs, 1, 253);
+  estimate_fb_color_x(im, w, h, is, al, as, bg.data(), bs, fg.data(), fs, 1,
+                      253);
+  EXPECT_TRUE(fg == want.plane[0] && bg == want.plane[1]);
+  fg = blankF;
+  mat_estimate_fb_color(im, w, h, is, al, as, fg.data(), fs, nullptr, 0, 1,
+                        253);
+  EXPECT_EQ(fg, want.plane[0]);
 }
 
 TEST(EstimateFbColor, MatteWithoutForegroundSolvesAgainstTheBackgroundMean) {
@@ -250,113 +229,27 @@ TEST(EstimateFbColor, MatteWithoutForegroundSolvesAgainstTheBackgroundMean) {
   const double e = std::exp(-0.5);
   const double q = ((e - 1) / (e - (e + 1) * 0.5) - 1) / e;  // midpoint 0.5
   const double k = (e * e * q + 1) / (e * e - 1) / q;
-  for (int y = 0; y < p.height; ++y) {
+  for (int y = 0; y < p.height; ++y)
     for (int x = 0; x < p.width; ++x) {
       p.Alpha(x, y) = x < 9 ? 0 : kLow + rng() % (kHigh - kLow + 1);
       if (x < 9) std::copy_n(background, 3, p.Pixel(x, y));
     }
-  }
-  const Outputs out = Estimate(p);
-  for (int y = 0; y < p.height; ++y) {
-    for (int x = 0; x < p.width; ++x) {
+  const Outputs out = Estimate(p);  // checks the known columns
+  for (int y = 0; y < p.height; ++y)
+    for (int x = 9; x < p.width; ++x) {
       const float a = p.Alpha(x, y) / 255.0f;
       const double t = double(p.Alpha(x, y) - kLow) / (kHigh - kLow);
       const float s =
-          x < 9
-              ? 0.0f
-              : float(k - (q + 1) * k / (std::exp(std::log(q) - (1 - t)) + 1));
+          float(k - (q + 1) * k / (std::exp(std::log(q) - (1 - t)) + 1));
       for (int c = 0; c < 3; ++c) {
         const float i = p.Pixel(x, y)[c];
-        const float fs = x < 9
-                             ? 0.0f
-                             : std::clamp((i - (1.0f - a) * background[c]) / a,
-                                          0.0f, 255.0f);
+        const float fs =
+            std::clamp((i - (1.0f - a) * background[c]) / a, 0.0f, 255.0f);
         ASSERT_EQ(out.at(1, x, y)[c], background[c]) << x << "," << y;
-        const int want = x < 9 ? background[c] : int((1.0f - s) * i + s * fs);
-        ASSERT_NEAR(out.at(0, x, y)[c], want, x < 9 ? 0 : 1) << x << "," << y;
+        ASSERT_NEAR(out.at(0, x, y)[c], int((1.0f - s) * i + s * fs), 1)
+            << x << "," << y;
       }
     }
-  }
-}
-
-// A composite with known layers: smooth colourful foreground and background
-// textures mixed by a disc whose edge ramps over some 14 pixels.
-TEST(EstimateFbColor, RecoversTheForegroundOfASyntheticComposite) {
-  Scene p = MakeScene({241, 181, kBlobs, 0, 1, 1, 253, false}, 1);
-  std::vector<float> trueF(size_t(p.width) * p.height * 3);
-  for (int y = 0; y < p.height; ++y) {
-    for (int x = 0; x < p.width; ++x) {
-      const double d = std::hypot(x - 120.0, y - 90.0) - 55.0 +
-                       4.0 * std::sin(std::atan2(y - 90.0, x - 120.0) * 7);
-      p.Alpha(x, y) = static_cast<unsigned char>(
-          std::lround(std::clamp(0.5 - d / 14.0, 0.0, 1.0) * 255));
-      const double a = p.Alpha(x, y) / 255.0;
-      for (int c = 0; c < 3; ++c) {
-        const double f =
-            150 + 60 * std::sin(0.05 * x + 2.0 * c) * std::cos(0.04 * y - c);
-        const double b = 90 + 70 * std::cos(0.03 * (x + y) + c) *
-                                  std::sin(0.06 * x - 0.5 * c);
-        trueF[(y * p.width + x) * 3 + c] = static_cast<float>(f);
-        p.Pixel(x, y)[c] =
-            static_cast<unsigned char>(std::lround(a * f + (1 - a) * b));
-      }
-    }
-  }
-  const Outputs out = Estimate(p);
-  // Alpha-weighted mean absolute error over the soft band: where alpha is
-  // small the foreground hardly shows and is barely determined.
-  double estimated = 0, naive = 0, weight = 0;
-  for (int y = 0; y < p.height; ++y) {
-    for (int x = 0; x < p.width; ++x) {
-      const int alpha = p.Alpha(x, y);
-      if (alpha < kLow || alpha > kHigh) continue;
-      for (int c = 0; c < 3; ++c) {
-        const double f = trueF[(y * p.width + x) * 3 + c];
-        estimated += alpha * std::abs(out.at(0, x, y)[c] - f);
-        naive += alpha * std::abs(p.Pixel(x, y)[c] - f);
-        weight += alpha;
-      }
-    }
-  }
-  estimated /= weight;
-  naive /= weight;
-  RecordProperty("estimated_error", std::to_string(estimated));
-  RecordProperty("image_colour_error", std::to_string(naive));
-  // Measured: 14.9 against 24.4. Mid-band the result is by design only
-  // partly moved from the image colour towards the solved one.
-  EXPECT_LT(estimated, 0.7 * naive);
-  EXPECT_LT(estimated, 17.0);
-}
-
-// Pixel by pixel in plain ints: run on a copy with the same aliasing, it is
-// also the order the library must keep when the planes overlap.
-void MergeReference(const unsigned char* im, int w, int h, int is,
-                    unsigned char* fg, int fs) {
-  for (int y = 0; y < h; ++y)
-    for (int x = 0; x < w * 4; ++x)
-      if (x % 4 != 3) {
-        const int i = im[y * is + x / 4 * 3 + x % 4], f = fg[y * fs + x];
-        fg[y * fs + x] =
-            i + (((f - i) * fg[y * fs + x / 4 * 4 + 3] + 127) >> 8);
-      }
-}
-
-TEST(MergeForegroundColour, MatchesReferenceInBlocksTailsAndOverlaps) {
-  for (int w : {1, 15, 16, 37, 70}) {
-    const int is = w * 3 + 5, fs = w * 4 + 3, h = 3;
-    const Bytes image = RandomPlane(w * 3, h, is, w);
-    Bytes fg = RandomPlane(w * 4, h, fs, w + 1);
-    for (int x = 3; x < 4 * w; x += 20) fg[x] = x % 40 == 3 ? 0 : 255;
-    Bytes want = fg;
-    MergeReference(image.data(), w, h, is, want.data(), fs);
-    mat_merge_f_color(image.data(), w, h, is, fg.data(), fs);
-    EXPECT_EQ(fg, want) << "width " << w;
-    // The image read out of the foreground's own bytes, one pixel ahead.
-    fg = RandomPlane(w * 4 + 8, h, fs + 8, w + 2), want = fg;
-    MergeReference(want.data() + 4, w, h, fs + 8, want.data(), fs + 8);
-    mat_merge_f_color(fg.data() + 4, w, h, fs + 8, fg.data(), fs + 8);
-    EXPECT_EQ(fg, want) << "width " << w;
-  }
 }
 
 // Either improve form at one pixel, weighted by s.
@@ -382,8 +275,8 @@ TEST(ImproveForeground, BothFormsAndTheMapMatchReference) {
               al = lv(RandomPlane(w, h, s1, 2));
   Bytes map = lv(RandomPlane(w * 4, h, s4, 3)), map_want = map;
   Bytes done = lv(RandomPlane(w, h, s1, 4)), done_want = done;
-  Bytes out = RandomPlane(w * 4, h, s4, 5), out_want = out, out2 = out;
-  Bytes out2_want = out;
+  Bytes out = RandomPlane(w * 4, h, s4, 5), out_want = out, out2 = out,
+        out2_want = out;
   const unsigned char refs[2][4] = {{10, 200, 90, 129}, {250, 3, 77, 128}};
   for (int k = 0; k < 2; ++k) {
     const unsigned char* ref = refs[k];

@@ -59,24 +59,19 @@ struct Scene {
 
 Scene MakeScene(int w, int h, int kind, std::mt19937& rng) {
   const int step = 3 + kind % 2, stride = step * w + 5;
-  Scene s{w,
-          h,
-          step,
-          stride,
-          rng() % 2 == 0,
-          std::vector<unsigned char>(stride * h, 0xA5),
-          std::vector<unsigned char>((w + 3) * h, 0xA5)};
+  Scene s{w, h, step, stride, rng() % 2 == 0, {}, {}};
+  s.rgb.assign(stride * h, 0xA5);
+  s.labels.assign((w + 3) * h, 0xA5);
   const int speck = static_cast<int>(rng() % (w * h));
   std::vector<unsigned char> shade(3 * (w + h));
   for (auto& v : shade) v = static_cast<unsigned char>(rng());
   s.Relabel(rng);
   for (int i = 0; i < w * h; ++i) {
     const int x = i % w, y = i / w, along = s.across ? x : y;
-    for (int c = 0; c < 3; ++c) {
+    for (int c = 0; c < 3; ++c)
       s.rgb[y * stride + x * step + c] = kind == 0   ? rng()
                                          : kind == 1 ? (i == speck ? 255 : 9)
                                                      : shade[along / 2 * 3 + c];
-    }
   }
   return s;
 }
@@ -122,17 +117,15 @@ std::vector<unsigned int> Sweep(const Scene& s,
       for (int k = 0; k < n; ++k) {
         const int dx = Dx(k, n), dy = Dy(k, n);
         if (!(dy * sy < 0 || (dy == 0 && dx * sx < 0))) continue;
-        if (!s.In(x + dx, y + dy)) {
+        if (!s.In(x + dx, y + dy))
           all = false;
-        } else {
+        else
           best = std::min(best, d[p + dy * s.w + dx] + c[p * n + k]);
-        }
       }
-      if (n == 24) {
+      if (n == 24)
         d[p] = s.Label(p) == 0 ? best : s.Label(p) == seed ? 0 : kFar;
-      } else if (all) {
+      else if (all)
         d[p] = s.Label(p) == seed ? 0 : best;
-      }
     }
     if (!settle) break;
   }
@@ -144,11 +137,17 @@ template <typename T, typename Query>
 std::vector<T> Padded(int w, int h, T fill, Query query) {
   std::vector<T> plane((w + 2) * h, fill), out, pad;
   EXPECT_EQ(query(plane.data(), w + 2), 0);
-  for (int i = 0; i < (w + 2) * h; ++i) {
+  for (int i = 0; i < (w + 2) * h; ++i)
     (i % (w + 2) < w ? out : pad).push_back(plane[i]);
-  }
   EXPECT_EQ(pad, std::vector<T>(2 * h, fill));
   return out;
+}
+
+template <typename Seg>
+std::vector<unsigned int> Dist(Seg& seg, const Scene& s, unsigned char seed) {
+  return Padded(s.w, s.h, 0xA5A5A5A5u, [&](unsigned int* p, int n) {
+    return seg.GetDist(s.labels.data(), s.w + 3, p, n, seed);
+  });
 }
 
 // What GetProb must make of the distances. The cap comes from sorting, not
@@ -189,21 +188,13 @@ TEST(GeoSeg, MatchesReferencesOnRandomImages) {
     ASSERT_EQ(seg.width + 1000 * seg.height + 1000000 * seg.row_pixels,
               s.w + 1000 * s.h + 1000000 * s.w);
     const std::vector<unsigned int> c = RefCosts(s, 4);
-    ASSERT_EQ(std::vector<unsigned int>(seg.edge_weights,
-                                        seg.edge_weights + c.size()),
-              c);
+    ASSERT_TRUE(std::equal(c.begin(), c.end(), seg.edge_weights));
     // Several label maps in turn: GetProb's scratch carries nothing over.
     for (int round = 0; round < 3; ++round, s.Relabel(rng)) {
       std::vector<unsigned int> d[3];
       for (unsigned char seed : {1, 2, 255}) {
         d[seed % 3] = Sweep(s, c, 4, seed, false);
-        EXPECT_EQ(Padded(s.w, s.h, 0xA5A5A5A5u,
-                         [&](unsigned int* p, int n) {
-                           return seg.GetDist(s.labels.data(), s.w + 3, p, n,
-                                              seed);
-                         }),
-                  d[seed % 3])
-            << "seed " << +seed;
+        EXPECT_EQ(Dist(seg, s, seed), d[seed % 3]) << "seed " << +seed;
       }
       EXPECT_EQ(Padded(s.w, s.h, -1.0f,
                        [&](float* p, int n) {
@@ -213,9 +204,8 @@ TEST(GeoSeg, MatchesReferencesOnRandomImages) {
     }
   }
   EXPECT_EQ(seg.SetImage(nullptr, 4, 3, 12, 3), -1);
-  EXPECT_EQ(seg.edge_weights, nullptr);
-  EXPECT_EQ(seg.distance_buffer, nullptr);
-  EXPECT_EQ(seg.width + seg.height + seg.row_pixels, 0);
+  EXPECT_TRUE(!seg.edge_weights && !seg.distance_buffer &&
+              seg.width + seg.height + seg.row_pixels == 0);
   // Without pixels the caller's plane is not even initialised.
   const unsigned char pixels[15 * 5] = {}, label = 1;
   ASSERT_EQ(seg.SetImage(pixels, 0, 5, 15, 3), 0);
@@ -226,34 +216,30 @@ TEST(GeoSeg, MatchesReferencesOnRandomImages) {
 
 TEST(GeoSegN24, MatchesReferencesOnPaddedPlanes) {
   std::mt19937 rng(2424);
-  size_t saturated = 0;
   for (int i = 0; i < 60; ++i) {
     const Scene s = SceneNumber(i, rng);
     GeoSegN24 seg;
     ASSERT_EQ(seg.SetImage(s.rgb.data(), s.w, s.h, s.stride, s.step, nullptr),
               0);
     const std::vector<unsigned int> c = RefCosts(s, 24);
-    ASSERT_EQ(std::vector<unsigned int>(seg.edge_weights,
-                                        seg.edge_weights + c.size()),
-              c);
-    saturated += std::count(c.begin(), c.end(), 65535u);
+    ASSERT_TRUE(std::equal(c.begin(), c.end(), seg.edge_weights));
     std::vector<unsigned int> d[3];
     for (unsigned char seed : {1, 2}) {
-      d[seed] = Padded(s.w, s.h, 0xA5A5A5A5u, [&](unsigned int* p, int n) {
-        return seg.GetDist(s.labels.data(), s.w + 3, p, n, seed);
-      });
+      d[seed] = Dist(seg, s, seed);
       EXPECT_EQ(d[seed], Sweep(s, c, 24, seed, false))
           << i << " seed " << +seed;
     }
     EXPECT_TRUE(i / 20 != 2 || d[2] == Sweep(s, c, 24, 2, true)) << i;
+    // Modes 1 and 2 size a histogram by the largest distance, unreached
+    // ones included: some 50 megabytes a call, so a third of the scenes.
     for (int mode : {3, 2, 1, 0, 6}) {
+      if (i % 3 && (mode == 1 || mode == 2)) continue;
       const auto p = Padded(s.w, s.h, -7.0f, [&](float* out, int n) {
         return seg.GetProb(s.labels.data(), s.w + 3, out, n, mode, nullptr);
       });
       EXPECT_EQ(p, RefProb(d[1], d[2], mode, -7.0f)) << i << " mode " << mode;
     }
   }
-  EXPECT_GT(saturated, 0u);
   GeoSegN24 empty;
   const unsigned char pixel[3] = {};
   EXPECT_EQ(empty.SetImage(nullptr, 1, 1, 3, 3, nullptr), -1);
