@@ -449,36 +449,25 @@ TEST(Resize, NearestAndBilinearMatchReference) {
 constexpr unsigned int kUnreached = 10000000;
 constexpr unsigned char kTarget = 7;
 using Dists = std::vector<unsigned int>;
-using Voxel = std::array<int, 3>;
+using Pixel = std::array<int, 2>;
 
-// The step weights: scale a face, scale * 1.414 an edge, scale * 1.732 a
-// corner, truncated.
-std::array<unsigned int, 4> Weights(int scale) {
-  return {0, unsigned(scale), unsigned(scale * 1.414), unsigned(scale * 1.732)};
-}
-
-// Shortest chamfer path from any target voxel to each label-0 voxel through
-// label-0 voxels only, relaxed over every step until nothing changes.
-Dists ShortestPaths(const Bytes& labels, int width, int height, int depth,
-                    int scale) {
-  const auto weight = Weights(scale);
+// Shortest chamfer path (scale a side step, scale * 1.414 truncated a
+// diagonal one) from any target pixel to each label-0 pixel through label-0
+// pixels only, relaxed over every step until nothing changes.
+Dists ShortestPaths(const Bytes& labels, int width, int height, int scale) {
+  const unsigned int weight[3] = {0, unsigned(scale), unsigned(scale * 1.414)};
   Dists dist(labels.size(), kUnreached);
   for (size_t i = 0; i < labels.size(); ++i)
     dist[i] = labels[i] == kTarget ? 0 : kUnreached;
   for (bool changed = true; changed;) {
     changed = false;
     for (size_t i = 0; i < labels.size(); ++i) {
-      const int x = int(i % width), y = int(i / width % height),
-                z = int(i / width / height);
-      for (int n = 0; n < 27; ++n) {
-        const int dx = n % 3 - 1, dy = n / 3 % 3 - 1, dz = n / 9 - 1;
-        const int nx = x + dx, ny = y + dy, nz = z + dz;
-        if (nx < 0 || ny < 0 || nz < 0 || nx >= width || ny >= height ||
-            nz >= depth)
-          continue;
-        const size_t j = (size_t(nz) * height + ny) * width + nx;
-        const unsigned int w =
-            weight[std::abs(dx) + std::abs(dy) + std::abs(dz)];
+      for (int n = 0; n < 9; ++n) {
+        const int dx = n % 3 - 1, dy = n / 3 - 1;
+        const int x = int(i % width) + dx, y = int(i / width) + dy;
+        if (x < 0 || y < 0 || x >= width || y >= height) continue;
+        const size_t j = size_t(y) * width + x;
+        const unsigned int w = weight[std::abs(dx) + std::abs(dy)];
         if (labels[j] != 0 || j == i || dist[i] + w >= dist[j]) continue;
         dist[j] = dist[i] + w;
         changed = true;
@@ -488,104 +477,69 @@ Dists ShortestPaths(const Bytes& labels, int width, int height, int depth,
   return dist;
 }
 
-// The 2-D transform (depth 0) on label, distance and nearest planes of
-// different strides, checking that no padding changed and that leaving out
-// the nearest plane gives the same distances; or the 3-D one on dense
-// volumes. Returns the distances and nearest targets, packed.
-std::pair<Dists, std::vector<Voxel>> Transform(const Bytes& labels, int width,
-                                               int height, int depth,
-                                               int scale) {
-  const int d = std::max(depth, 1), k = depth ? 3 : 2, pad = depth ? 0 : 1;
-  const int ls = width + 3 * pad, ds = width + 2 * pad, ns = width + 5 * pad;
-  Bytes padded(size_t(ls) * height * d, kTarget);
-  for (int y = 0; y < height * d; ++y)
-    std::copy_n(&labels[size_t(y) * width], width, &padded[size_t(y) * ls]);
-  Dists dist(size_t(ds) * height * d, 0xA5A5A5A5u), alone = dist;
-  std::vector<unsigned short> near(size_t(ns) * height * d * k, 0xA5A5);
-  const auto n2 = reinterpret_cast<unsigned short(*)[2]>(near.data());
-  const auto n3 = reinterpret_cast<unsigned short(*)[3]>(near.data());
-  ff::dist_field* field =
-      depth ? ff::ipf_create_distance_field_3d(width, height, depth, scale)
-            : ff::ipf_create_distance_field_2d(width, height, scale);
-  EXPECT_EQ(-1, depth ? ff::ipf_distance_transform_3d(field, padded.data(),
-                                                      width, height, depth,
-                                                      kTarget, dist.data(), n3)
-                      : ff::ipf_distance_transform_2d(
-                            field, padded.data(), width, height, ls, kTarget,
-                            dist.data(), ds, n2, ns));
-  if (!depth)
-    ff::ipf_distance_transform_2d(field, padded.data(), width, height, ls,
-                                  kTarget, alone.data(), ds, nullptr, 0);
-  EXPECT_EQ(alone, depth ? alone : dist);
-  ff::ipf_release_distance_field(field);
-  std::pair<Dists, std::vector<Voxel>> out;
-  for (int y = 0; y < height * d; ++y) {
-    for (int x = 0; x < ns; ++x) {
-      const unsigned short* n = &near[(size_t(y) * ns + x) * k];
-      if (x < width) {
-        out.first.push_back(dist[size_t(y) * ds + x]);
-        out.second.push_back({n[0], n[1], depth ? n[2] : 0});
-      } else {
-        EXPECT_TRUE(n[0] == 0xA5A5 && n[1] == 0xA5A5) << "nearest padding";
-        EXPECT_TRUE(x >= ds || dist[size_t(y) * ds + x] == 0xA5A5A5A5u)
-            << "distance padding";
-      }
-    }
-  }
-  return out;
-}
-
 // Without walls the sweeps are exact and the nearest target is no farther
 // than a free straight line; with walls they find real paths, not always the
-// shortest, and what no path reaches (walls included) stays unreached.
-// Scales 7 and 13 make weights that truncate (9.898, 22.516).
-TEST(DistanceField, TransformsMatchShortestPathsAndRespectWalls) {
+// shortest, and what no path reaches (walls included) stays unreached. A
+// scale of 7 makes a diagonal weight that truncates (9.898). Label, distance
+// and nearest planes have different strides; no padding may change, and
+// leaving out the nearest plane gives the same distances.
+TEST(DistanceField, TransformMatchesShortestPathsAndRespectsWalls) {
   std::mt19937 rng(8006);
-  std::vector<std::tuple<int, int, int>> sizes = {
-      {1, 1, 2}, {3, 3, 3}, {5, 3, 4}, {9, 7, 6}, {4, 11, 9}};
-  for (int width : {1, 2, 5, 17, 40})
-    for (int height : {1, 3, 16, 23}) sizes.push_back({width, height, 0});
-  // {targets and walls in thousandths, scale}; 20 targets go with 3-D.
-  const int kRuns[][3] = {{2, 0, 100},  {30, 0, 7},  {300, 0, 100},
-                          {10, 250, 7}, {20, 0, 13}, {20, 200, 100}};
-  for (auto [width, height, depth] : sizes) {
-    for (const auto& [targets, walls, scale] : kRuns) {
-      if ((targets == 20) != (depth > 0)) continue;
-      const size_t count = size_t(width) * height * std::max(depth, 1);
-      Bytes labels(count);
-      for (auto& v : labels) {
-        const int r = int(rng() % 1000);
-        v = r < targets ? kTarget : r < targets + walls ? 3 : 0;
-      }
-      const Dists want =
-          ShortestPaths(labels, width, height, std::max(depth, 1), scale);
-      const auto [dist, nearest] =
-          Transform(labels, width, height, depth, scale);
-      const auto weight = Weights(scale);
-      for (size_t i = 0; i < count; ++i) {
-        const Voxel at = {int(i % width), int(i / width % height),
-                          int(i / width / height)};
-        SCOPED_TRACE(testing::Message()
-                     << width << "x" << height << "x" << depth << " walls "
-                     << walls << " at " << at[0] << "," << at[1] << ","
-                     << at[2]);
-        ASSERT_EQ(dist[i], walls || want[i] == kUnreached
-                               ? std::max(dist[i], want[i])
-                               : want[i]);
-        ASSERT_TRUE(want[i] != kUnreached || dist[i] == kUnreached);
-        const Voxel& n = nearest[i];
-        if (dist[i] == kUnreached) {
-          ASSERT_EQ(n, at);
-          continue;
+  // {targets and walls in thousandths, scale}
+  const int kRuns[][3] = {{2, 0, 100}, {30, 0, 7}, {300, 0, 100}, {10, 250, 7}};
+  for (int width : {1, 2, 5, 17, 40}) {
+    for (int height : {1, 3, 16, 23}) {
+      for (const auto& [targets, walls, scale] : kRuns) {
+        const int n = width * height, ls = width + 3, ds = width + 2;
+        const int ns = width + 5;
+        Bytes labels(n), padded(size_t(ls) * height, kTarget);
+        for (int i = 0; i < n; ++i) {
+          const int r = int(rng() % 1000);
+          labels[i] = r < targets ? kTarget : r < targets + walls ? 3 : 0;
+          padded[i / width * ls + i % width] = labels[i];
         }
-        ASSERT_EQ(labels[(size_t(n[2]) * height + n[1]) * width + n[0]],
-                  kTarget);
-        std::array<unsigned int, 3> a;
-        for (int c = 0; c < 3; ++c) a[c] = std::abs(n[c] - at[c]);
-        std::sort(a.begin(), a.end());
-        const unsigned int line = weight[3] * a[0] + weight[2] * (a[1] - a[0]) +
-                                  weight[1] * (a[2] - a[1]);
-        ASSERT_EQ(dist[i], walls ? std::max(dist[i], line) : line);
+        const Dists want = ShortestPaths(labels, width, height, scale);
+        Dists dist(size_t(ds) * height, 0xA5A5A5A5u), alone = dist;
+        std::vector<std::array<unsigned short, 2>> got(size_t(ns) * height,
+                                                       {0xA5A5, 0xA5A5});
+        ff::dist_field* field =
+            ff::ipf_create_distance_field_2d(width, height, scale);
+        ASSERT_EQ(
+            -1,
+            ff::ipf_distance_transform_2d(
+                field, padded.data(), width, height, ls, kTarget, dist.data(),
+                ds, reinterpret_cast<unsigned short(*)[2]>(got.data()), ns));
+        ff::ipf_distance_transform_2d(field, padded.data(), width, height, ls,
+                                      kTarget, alone.data(), ds, nullptr, 0);
+        ff::ipf_release_distance_field(field);
+        ASSERT_EQ(alone, dist);
+        SCOPED_TRACE(testing::Message()
+                     << width << "x" << height << " walls " << walls);
+        for (int i = 0; i < ns * height; ++i) {
+          const int x = i % ns, y = i / ns, k = y * width + x;
+          const Pixel at = {x, y}, nearest = {got[i][0], got[i][1]};
+          const unsigned int d = dist[size_t(y) * ds + std::min(x, ds - 1)];
+          if (x >= width) {
+            ASSERT_EQ(nearest, (Pixel{0xA5A5, 0xA5A5})) << "nearest padding";
+            ASSERT_TRUE(x >= ds || d == 0xA5A5A5A5u) << "distance padding";
+            continue;
+          }
+          ASSERT_EQ(d, walls || want[k] == kUnreached ? std::max(d, want[k])
+                                                      : want[k])
+              << x << "," << y;
+          ASSERT_TRUE(want[k] != kUnreached || d == kUnreached);
+          if (d == kUnreached) {
+            ASSERT_EQ(nearest, at);
+            continue;
+          }
+          ASSERT_EQ(labels[nearest[1] * width + nearest[0]], kTarget);
+          const unsigned int dx = std::abs(nearest[0] - x),
+                             dy = std::abs(nearest[1] - y);
+          const unsigned int line =
+              unsigned(scale * 1.414) * std::min(dx, dy) +
+              unsigned(scale) * (std::max(dx, dy) - std::min(dx, dy));
+          ASSERT_EQ(d, walls ? std::max(d, line) : line);
+        }
       }
     }
   }
@@ -593,10 +547,9 @@ TEST(DistanceField, TransformsMatchShortestPathsAndRespectWalls) {
 
 // A mismatch or a null writes nothing.
 TEST(DistanceField, MismatchesAndNullsWriteNothing) {
-  Bytes labels(27, 0);
-  Dists dist(27, 77);
+  Bytes labels(24, 0);
+  Dists dist(24, 77);
   ff::dist_field* flat = ff::ipf_create_distance_field_2d(6, 4, 100);
-  ff::dist_field* cubic = ff::ipf_create_distance_field_3d(3, 3, 3, 100);
   unsigned char* l = labels.data();
   unsigned int* d = dist.data();
   for (auto [field, lp, w, h, dp] :
@@ -608,11 +561,9 @@ TEST(DistanceField, MismatchesAndNullsWriteNothing) {
     EXPECT_EQ(ff::ipf_distance_transform_2d(field, lp, w, h, 6, kTarget, dp, 6,
                                             nullptr, 0),
               -1);
-  ff::ipf_distance_transform_3d(cubic, l, 3, 3, 2, kTarget, d, nullptr);
-  ff::ipf_distance_transform_3d(cubic, nullptr, 3, 3, 3, kTarget, d, nullptr);
-  EXPECT_EQ(dist, Dists(27, 77));
-  for (auto* f : {flat, cubic, static_cast<ff::dist_field*>(nullptr)})
-    ff::ipf_release_distance_field(f);
+  EXPECT_EQ(dist, Dists(24, 77));
+  ff::ipf_release_distance_field(flat);
+  ff::ipf_release_distance_field(nullptr);
 }
 
 }  // namespace
