@@ -10,7 +10,6 @@
 #include <cstdint>
 #include <cstring>
 #include <random>
-#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -209,69 +208,24 @@ TEST(FiuConvert, RoundsSaturatesAndWorksInPlace) {
     ASSERT_EQ(s16[i], std::clamp(r, -32768.0, 32767.0)) << f[i];
   }
   ff::FVTImage img(5, 3, ff::kFormat8UC3, 4);  // rows of 15 bytes in 16
-  const Bytes original = RandomBytes(48, 7);
-  std::copy(original.begin(), original.end(), img.data);
+  const Bytes original = RandomBytes(52, 7);
+  std::copy_n(original.begin(), 48, img.data);
   ASSERT_EQ(1, ff::fiConvert(img, img, 5));  // through a swap
   EXPECT_EQ(0x345, img.type);
   ASSERT_EQ(1, ff::fiConvert(img, img, 1));
-  for (int y = 0; y < 3; ++y)
-    ASSERT_EQ(0, memcmp(img.data + y * img.step, &original[y * 16], 15));
-}
-
-using ff::FVTImage;
-using Fields = std::tuple<const void*, int, int, int, int, int>;
-
-// Data, width, height, step, type and flags, compared and printed together.
-Fields Of(const FVTImage& img) {
-  return {img.data, img.width, img.height, img.step, img.type, img.flags};
-}
-
-// Owners pad rows to the alignment (0 gives no row, -1 the bare row);
-// copies of views, made or assigned, own their pixels with 4-byte rows.
-TEST(FVTImage, OwnersPadRowsAndCopiesOfViewsOwnTheirPixels) {
-  uint32_t seed = 1;
-  for (int type : {0x111, 0x311, 0x223, 0x345}) {
-    for (int width = 1; width <= 17; ++width) {
-      const int rowBytes = width * ((type >> 4) & 15) * (type >> 8);
-      for (int align : {1, 2, 4, 8, 16}) {
-        FVTImage img(width, 3, type, align);
-        const int step = (rowBytes + align - 1) / align * align;
-        ASSERT_EQ(Of(img), Fields(img.data, width, 3, step, type, 1));
-        // Under ASan a block smaller than step * height fails here.
-        std::memset(img.data, 0x5A, static_cast<size_t>(img.step) * 3);
-      }
-      // A view of odd stride that starts at an odd address; the assigned
-      // image's old block must be released.
-      Bytes buffer = RandomBytes((rowBytes + 5) * 4 + 3, seed++);
-      const Bytes original = buffer;
-      FVTImage view, assigned(2, 2, 0x111, 4);
-      view.Attach(buffer.data() + 3, width, 4, type, rowBytes + 5);
-      const FVTImage copy(view);
-      assigned = view;
-      std::fill(buffer.begin(), buffer.end(), 0);
-      for (const FVTImage* c : {&copy, &std::as_const(assigned)}) {
-        const int step = (rowBytes + 3) / 4 * 4;
-        ASSERT_EQ(Of(*c), Fields(c->data, width, 4, step, type, 1));
-        for (int y = 0; y < 4; ++y)
-          ASSERT_EQ(std::memcmp(c->data + y * c->step,
-                                &original[3 + y * (rowBytes + 5)], rowBytes),
-                    0)
-              << "type " << type << " width " << width << " row " << y;
-      }
-    }
+  // Copies of a view of odd stride, made or assigned, own their pixels with
+  // 4-byte rows; the assigned image's old block must be released.
+  ff::FVTImage view, assigned(2, 2, ff::kFormat8UC1, 4);
+  view.Attach(const_cast<unsigned char*>(&original[1]), 5, 3, 0x311, 17);
+  const ff::FVTImage copy(view);
+  assigned = view;
+  for (const ff::FVTImage* c :
+       {&std::as_const(img), &copy, &std::as_const(assigned)}) {
+    ASSERT_TRUE(c->flags == 1 && c->step == 16 && c->data != &original[1]);
+    for (int y = 0; y < 3; ++y)
+      ASSERT_EQ(0, memcmp(c->data + y * 16,
+                          &original[c == &img ? y * 16 : 1 + y * 17], 15));
   }
-  EXPECT_EQ(FVTImage(5, 2, 0x311, 0).step, 0);
-  EXPECT_EQ(FVTImage(5, 2, 0x311, -1).step, 15);
-  // ResetIf keeps a same-shape view; any difference makes an owner with
-  // 4-byte rows.
-  Bytes caller(100, 0x33);
-  FVTImage view;
-  view.Attach(caller.data(), 6, 3, 0x111, 11);
-  view.ResetIf(6, 3, 0x111);
-  EXPECT_EQ(Of(view), Fields(caller.data(), 6, 3, 11, 0x111, 0));
-  view.ResetIf(5, 3, 0x311);
-  EXPECT_EQ(Of(view), Fields(view.data, 5, 3, 16, 0x311, 1));
-  EXPECT_EQ(std::count(caller.begin(), caller.end(), 0x33), 100);
 }
 
 }  // namespace
