@@ -15,7 +15,6 @@
 #include <utility>
 #include <vector>
 
-#include "softmatte/trimap.h"
 #include "test_util.h"
 
 namespace {
@@ -205,33 +204,6 @@ TEST(WindowFilters, MatchBruteForce) {
   ff::ipf_max_filter(bytes.data(), 4, 3, 4, 1, nullptr, 4, 3, 1, nullptr);
   EXPECT_EQ(dst, std::vector<int>(20, kIntSentinel));
   EXPECT_EQ(bytes, Bytes(12, kSentinel));
-}
-
-// Seeds from mattes mostly near 128 with rare extremes: flat windows, flat
-// 128s and steps of exactly 127 and 128 all occur. The window is widened to
-// an odd size, as the min/max filters do.
-TEST(MakeSeeds, MatchesClippedWindowReferenceWithPaddedRows) {
-  std::mt19937 rng(7);
-  for (auto [w, h, window] :
-       {std::tuple{1, 9, 4}, {6, 1, 0}, {13, 8, 3}, {13, 8, 2}}) {
-    Bytes a((w + 3) * h), out((w + 5) * h, kSentinel);
-    for (auto& v : a) v = rng() % 9 ? 124 + rng() % 6 : 254 * (rng() % 2);
-    MakeSeeds(a.data(), w, h, w + 3, out.data(), w + 5, window);
-    const auto lo = MinMax(a.data(), w + 3, w, h, 1, window, 1, nullptr, true);
-    const auto hi = MinMax(a.data(), w + 3, w, h, 1, window, 1, nullptr, false);
-    EXPECT_EQ("", PlaneMismatch(out, w, h, w + 5, kSentinel,
-                                [&](int x, int y) {
-                                  const int v = a[y * (w + 3) + x],
-                                            i = y * w + x;
-                                  return hi.first[i] - lo.first[i] >= 128 ? 128
-                                         : v == 128                       ? 127
-                                                                          : v;
-                                }))
-        << w << "x" << h << " window " << window;
-  }
-  Bytes row = {0, 127, 128, 129, 255, 0xA5};
-  InvertMatte(row.data(), 5, 1, 6);  // all but unknown; padding stays
-  EXPECT_EQ(row, (Bytes{255, 128, 128, 126, 0, 0xA5}));
 }
 
 // Flood fill from each unlabelled pixel in raster order: numbering by first
