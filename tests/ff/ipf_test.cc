@@ -344,8 +344,7 @@ TEST(MaskRoi, BoxAndRangeMatchBruteForceOnSparsePlanes) {
 // the last pair with full weight on its right member.
 void Table(int srcLen, int dstLen, bool bl, std::vector<int>& idx,
            std::vector<float>& frac) {
-  idx.assign(dstLen, 0);
-  frac.assign(dstLen, 0.0f);
+  idx.assign(dstLen, 0), frac.assign(dstLen, 0.0f);
   const float scale = static_cast<float>(srcLen) / static_cast<float>(dstLen);
   for (int i = 1; i < dstLen; ++i) {
     const float s = scale * static_cast<float>(i);
@@ -451,7 +450,7 @@ Dists ShortestPaths(const Bytes& labels, int width, int height, int scale) {
 // scale of 7 makes a diagonal weight that truncates (9.898). Label, distance
 // and nearest planes have different strides; no padding may change, and
 // leaving out the nearest plane gives the same distances.
-TEST(DistanceField, TransformMatchesShortestPathsAndRespectsWalls) {
+TEST(DistanceField, MatchesShortestPathsRespectsWallsAndRefusesMismatches) {
   std::mt19937 rng(8006);
   // {targets and walls in thousandths, scale}
   const int kRuns[][3] = {{2, 0, 100}, {30, 0, 7}, {300, 0, 100}, {10, 250, 7}};
@@ -511,10 +510,7 @@ TEST(DistanceField, TransformMatchesShortestPathsAndRespectsWalls) {
       }
     }
   }
-}
-
-// A mismatch or a null writes nothing.
-TEST(DistanceField, MismatchesAndNullsWriteNothing) {
+  // A mismatch or a null writes nothing.
   Bytes labels(24, 0);
   Dists dist(24, 77);
   ff::dist_field* flat = ff::ipf_create_distance_field_2d(6, 4, 100);

@@ -65,13 +65,10 @@ TEST(Registry, FreesInSlotOrderRefillingHolesThenRunsCallbacks) {
   // Blocks go back through array delete; an unregistered one given to
   // ff_gfree is still deleted, and makes no hole.
   void *a = ff::ff_alloc(37), *b = ff::fiAlloc(5), *stray = ff::ff_alloc(4);
-  EXPECT_EQ(DeletedAmong({a, b, stray, slots[0]},
-                         [&] {
-                           ff::ff_free(a);
-                           ff::fiFree(b);
-                           ff::ff_free(nullptr);
-                           ff::ff_gfree(stray);
-                         }),
+  const auto frees = [&] {
+    ff::ff_free(a), ff::fiFree(b), ff::ff_free(nullptr), ff::ff_gfree(stray);
+  };
+  EXPECT_EQ(DeletedAmong({a, b, stray, slots[0]}, frees),
             (std::vector<void*>{a, b, stray}));
   slots.push_back(g_block = ff::ff_galloc(4));
   // Blocks go before any callback runs; a throwing callback does not stop
