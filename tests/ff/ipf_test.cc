@@ -480,8 +480,6 @@ TEST(DistanceField, MatchesShortestPathsRespectsWallsAndRefusesMismatches) {
                                       kTarget, alone.data(), ds, nullptr, 0);
         ff::ipf_release_distance_field(field);
         ASSERT_EQ(alone, dist);
-        SCOPED_TRACE(testing::Message()
-                     << width << "x" << height << " walls " << walls);
         for (int i = 0; i < ns * height; ++i) {
           const int x = i % ns, y = i / ns, k = y * width + x;
           const Pixel nearest = {got[i][0], got[i][1]};
@@ -493,7 +491,8 @@ TEST(DistanceField, MatchesShortestPathsRespectsWallsAndRefusesMismatches) {
           }
           ASSERT_EQ(d, walls || want[k] == kUnreached ? std::max(d, want[k])
                                                       : want[k])
-              << x << "," << y;
+              << width << "x" << height << " walls " << walls << " at " << x
+              << "," << y;
           ASSERT_TRUE(want[k] != kUnreached || d == kUnreached);
           if (d == kUnreached) {
             ASSERT_EQ(nearest, (Pixel{x, y}));

@@ -28,17 +28,16 @@ TEST(PlaneHelpers, NullPlanesAndBadStridesDoNothing) {
   const Bytes before = RandomBytes(64, 600);
   Bytes plane = before;
   unsigned char* p = plane.data();
-  ff::ipf_memcpy_2d(nullptr, 8, 4, 8, p, 8);
-  ff::ipf_memcpy_2d(p, 8, 4, 8, nullptr, 8);
-  ff::ipf_memcpy_3d(nullptr, 8, 2, 2, 8, 16, p, 8, 16);
-  ff::ipf_memcpy_3d(p, 8, 2, 2, 8, 16, nullptr, 8, 16);
+  for (unsigned char* q : {p, static_cast<unsigned char*>(nullptr)}) {
+    unsigned char* r = q ? nullptr : p;  // one side or the other null
+    ff::ipf_memcpy_2d(q, 8, 4, 8, r, 8);
+    ff::ipf_memcpy_3d(q, 8, 2, 2, 8, 16, r, 8, 16);
+    ff::ipf_flip_vert(q, 8, 4, 8, r, 8);
+    ff::ipf_flip_horz(q, 8, 4, 8, 1, r, 8);
+  }
   ff::ipf_memset_2d(nullptr, 8, 4, 8, 0);
   ff::ipf_memset_3d(nullptr, 8, 2, 2, 8, 16, 0);
-  ff::ipf_flip_vert(nullptr, 8, 4, 8, p, 8);
-  ff::ipf_flip_vert(p, 8, 4, 8, nullptr, 8);
   ff::ipf_flip_vert(nullptr, 8, 4, 8);
-  ff::ipf_flip_horz(nullptr, 8, 4, 8, 1, p, 8);
-  ff::ipf_flip_horz(p, 8, 4, 8, 1, nullptr, 8);
   ff::ipf_flip_horz(nullptr, 8, 4, 8, 1);
   ff::ipf_flip_vert(p + 24, 8, 4, -8);
   ff::ipf_flip_vert(p, 8, 4, 0);

@@ -233,10 +233,7 @@ TEST(DistanceTransform, MatchesBruteForceOnRandomGrids) {
       for (unsigned zeros : {0u, 1u, 10u, 60u, 100u}) {
         const int n = width * height, stride = width + 3;
         Bytes mask = softmatte_test::RandomPlane(width, height, stride, rng());
-        for (int i = 0; i < n; ++i) {
-          unsigned char& m = mask[i / width * stride + i % width];
-          m = rng() % 100 < zeros ? 0 : m | 1;
-        }
+        for (auto& m : mask) m = rng() % 100 < zeros ? 0 : m | 1;
         std::unique_ptr<float[]> grid(
             DPLMatting_MakeDTInput(mask.data(), width, height, stride));
         for (int i = 0; i < n; ++i)
