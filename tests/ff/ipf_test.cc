@@ -467,8 +467,7 @@ TEST(DistanceField, MatchesShortestPathsRespectsWallsAndRefusesMismatches) {
         }
         const Dists want = ShortestPaths(labels, width, height, scale);
         Dists dist(size_t(ds) * height, 0xA5A5A5A5u), alone = dist;
-        std::vector<std::array<unsigned short, 2>> got(size_t(ns) * height,
-                                                       {0xA5A5, 0xA5A5});
+        std::vector<unsigned short> got(size_t(ns) * height * 2, 0xA5A5);
         ff::dist_field* field =
             ff::ipf_create_distance_field_2d(width, height, scale);
         ASSERT_EQ(
@@ -482,7 +481,7 @@ TEST(DistanceField, MatchesShortestPathsRespectsWallsAndRefusesMismatches) {
         ASSERT_EQ(alone, dist);
         for (int i = 0; i < ns * height; ++i) {
           const int x = i % ns, y = i / ns, k = y * width + x;
-          const Pixel nearest = {got[i][0], got[i][1]};
+          const Pixel nearest = {got[2 * i], got[2 * i + 1]};
           const unsigned int d = dist[size_t(y) * ds + std::min(x, ds - 1)];
           if (x >= width) {
             ASSERT_EQ(nearest, (Pixel{0xA5A5, 0xA5A5})) << "nearest padding";
