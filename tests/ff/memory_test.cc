@@ -59,21 +59,16 @@ TEST(Registry, FreesInSlotOrderRefillingHolesThenRunsCallbacks) {
   for (int i = 0; i < 250; i += 3) ff::ff_gfree(slots[i]), slots[i] = nullptr;
   for (int i = 0; i < 120; ++i) {
     auto hole = std::find(slots.begin(), slots.end(), nullptr);
-    if (hole == slots.end()) hole = slots.insert(hole, nullptr);
-    *hole = ff::ff_galloc(3);
+    *(hole == slots.end() ? slots.insert(hole, nullptr) : hole) =
+        ff::ff_galloc(3);
   }
   // Blocks go back through array delete; an unregistered one given to
   // ff_gfree is still deleted, and makes no hole.
-  void* a = ff::ff_alloc(37);
-  void* b = ff::fiAlloc(5);
-  void* stray = ff::ff_alloc(4);
-  EXPECT_EQ(DeletedAmong({a, b, stray, slots[0]},
-                         [&] {
-                           ff::ff_free(a);
-                           ff::fiFree(b);
-                           ff::ff_free(nullptr);
-                           ff::ff_gfree(stray);
-                         }),
+  void *a = ff::ff_alloc(37), *b = ff::fiAlloc(5), *stray = ff::ff_alloc(4);
+  const auto frees = [&] {
+    ff::ff_free(a), ff::fiFree(b), ff::ff_free(nullptr), ff::ff_gfree(stray);
+  };
+  EXPECT_EQ(DeletedAmong({a, b, stray, slots[0]}, frees),
             (std::vector<void*>{a, b, stray}));
   slots.push_back(g_block = ff::ff_galloc(4));
   // Blocks go before any callback runs; a throwing callback does not stop

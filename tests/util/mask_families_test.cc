@@ -11,7 +11,9 @@
 namespace {
 
 using Bytes = std::vector<unsigned char>;
+using softmatte_test::PlaneMismatch;
 constexpr int kW = 23, kH = 17;
+constexpr unsigned char kNoPadding = 0;
 
 Bytes RandomTruth(uint32_t seed) {
   std::mt19937 rng(seed);
@@ -36,8 +38,7 @@ TEST(BlockyMask, IsTheBlockMeanThresholdedAndEnlarged) {
           sum += truth[v * kW + u], ++area;
       return sum >= 128 * area ? 255 : 0;
     };
-    EXPECT_EQ("", softmatte_test::PlaneMismatch(
-                      got, kW, kH, kW, static_cast<unsigned char>(0), want))
+    EXPECT_EQ("", PlaneMismatch(got, kW, kH, kW, kNoPadding, want))
         << "factor " << f;
   }
 }
@@ -56,8 +57,7 @@ TEST(MovedEdgeMask, GrowsAndShrinksByEuclideanDistance) {
                      (u - x) * (u - x) + (v - y) * (v - y) <= shift * shift;
       return (shift < 0 ? subject && !reached : subject || reached) ? 255 : 0;
     };
-    EXPECT_EQ("", softmatte_test::PlaneMismatch(
-                      got, kW, kH, kW, static_cast<unsigned char>(0), want))
+    EXPECT_EQ("", PlaneMismatch(got, kW, kH, kW, kNoPadding, want))
         << "shift " << shift;
   }
 }
