@@ -10,6 +10,7 @@
 #include "softmatte/colour.h"
 #include "softmatte/edit.h"
 #include "softmatte/ff/ipf.h"
+#include "softmatte/ff/utils.h"
 #include "softmatte/resample.h"
 #include "softmatte/session.h"
 #include "softmatte/solver.h"
@@ -171,6 +172,74 @@ TEST(DeterminismPhotos, StagesMatchTheCommittedDigests) {
   const uint64_t noSolver = Digest({Of(idx), Of(wts), Of(alpha), Of(f)});
   EXPECT_EQ(noSolver, kNoSolverDigest)
       << "no-solver digest " << std::hex << noSolver;
+}
+
+// Public functions that the library's own flows do not call and no reference
+// comparison covers keep the outputs they were verified with: one digest each
+// over fixed random inputs with odd sizes and padded rows. Integer arithmetic,
+// IEEE basics and sqrt only, so these hold on every target without photos.
+TEST(PinnedOutputs, KeepTheirDigests) {
+  using softmatte_test::RandomPlane;
+  const int w = 37, h = 29, s3 = 3 * w + 5, s1 = w + 3;
+  const auto img = RandomPlane(3 * w, h, s3, 11),
+             grey = RandomPlane(w, h, s1, 12);
+  std::vector<uint64_t> got;
+  const auto pin = [&](const auto& v) { got.push_back(Digest({Of(v)})); };
+  std::vector<unsigned char> a(size_t(s1) * h, 0), b(size_t(4 * w + 2) * h, 0);
+  MakeSeeds(grey.data(), w, h, s1, a.data(), s1, 5);
+  pin(a);
+  for (int ch : {1, 3, 4}) {
+    dsam_image(img.data(), 3 * w / ch, h, s3, b.data(), 11, 8, 4 * 11 + 1, ch);
+    pin(b);
+  }
+  std::vector<int> index(size_t(w + 1) * h, -1);
+  dsam_calc_index(img.data(), w, h, s3, b.data(), 11, 8, 4 * 11 + 1,
+                  index.data(), w + 1);
+  pin(index);
+  merge_c31(RandomPlane(3 * w, h, s3, 14).data(), w, h, s3, grey.data(), s1,
+            b.data(), 4 * w + 2);
+  pin(b);
+  mat_merge_f_color(img.data(), w, h, s3, b.data(), 4 * w + 2);
+  pin(b);
+  mat_make_rect_weight(a.data(), w, h, s1, 0.3f);
+  pin(a);
+  auto c = RandomPlane(w, h, s1, 13);
+  for (unsigned char& v : c) v = v < 90 ? 128 : v;
+  mat_rectify_uialpha(c.data(), w, h, s1, grey.data(), s1, a.data(), s1, 40);
+  pin(a);
+  // Bilinear and cubic, 8-bit (fixed point) and float (float resampler).
+  std::vector<float> f(size_t(w) * h), g(size_t(19) * 41);
+  for (size_t i = 0; i < f.size(); ++i) f[i] = grey[i] * 0.37f - 20.0f;
+  for (int method : {ff::kResizeBilinear, ff::kResizeCubic}) {
+    ff::fiuResize(img.data(), w, h, s3, ff::fiFormat<unsigned char>(3),
+                  b.data(), 19, 41, 60, method);
+    pin(b);
+    ff::fiuResize(f.data(), w, h, 4 * w, ff::fiFormat<float>(1), g.data(), 19,
+                  41, 4 * 19, method);
+    pin(g);
+  }
+  // A 3-D chamfer transform through walls, with nearest targets.
+  std::vector<unsigned char> labels(size_t(w) * h * 3);
+  for (size_t i = 0; i < labels.size(); ++i)
+    labels[i] = img[i % img.size()] < 8 ? 1 : img[i % img.size()] < 40 ? 2 : 0;
+  std::vector<unsigned int> dist(labels.size());
+  std::vector<uint16_t> nearest(3 * labels.size());
+  ff::dist_field* field = ff::ipf_create_distance_field_3d(w, h, 3, 7);
+  ff::ipf_distance_transform_3d(
+      field, labels.data(), w, h, 3, 1, dist.data(),
+      reinterpret_cast<unsigned short(*)[3]>(nearest.data()));
+  ff::ipf_release_distance_field(field);
+  pin(dist);
+  pin(nearest);
+  const std::vector<uint64_t> want = {
+      0x9ea383a2decc3e4eull, 0x41c32a7987d79832ull, 0xc03d270663adca6ull,
+      0xc0a32a9aae72076cull, 0x4f5d783e4de2adaaull, 0x855fcfc47afae584ull,
+      0x11aef8afef3bde84ull, 0x68d475bbf7451f26ull, 0xdda09d169a34c20bull,
+      0x77d34aa54f043848ull, 0x105a60a7c50f6cd2ull, 0xe2e40733302cd3efull,
+      0xfddf6323e66f97a1ull, 0xf4e284cc2c5355e3ull, 0xa6d772414c34b574ull};
+  for (size_t i = 0; i < want.size(); ++i)
+    EXPECT_EQ(want[i], got.at(i))
+        << "digest " << i << ": 0x" << std::hex << got[i];
 }
 
 }  // namespace
