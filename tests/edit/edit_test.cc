@@ -296,30 +296,6 @@ TEST(MatteCleanup, MatchesBruteForceReferences) {
     }
 }
 
-TEST(MatteCleanup, WindowGrowsWithTheArea) {
-  // The extremum window is 7 up to about 1.2 megapixels and grows with the
-  // area after that: the reach of a dilated 5x5 square shows it. The
-  // edge-only smoothing follows it on a large matte.
-  std::mt19937 rng(2);
-  for (auto [width, height, window] :
-       {std::tuple{1024, 1024, 7}, {1300, 1000, 9}, {2000, 1210, 17}}) {
-    Plane src(width, height), dst(width, height);
-    for (int y = height / 2 - 2; y <= height / 2 + 2; ++y)
-      std::fill_n(&src.at(width / 2 - 2, y), 5, 255);
-    mat_dilate(src.data(), width, height, src.stride, dst.data(), dst.stride,
-               31);
-    const unsigned char* row = &dst.at(0, height / 2);
-    EXPECT_EQ(width - std::count(row, row + width, 0), 5 + window - 1) << width;
-    const Plane matte = MakeMatte(width, height, 4 + window / 2 % 2, rng);
-    Plane band = dst;
-    mat_smooth_boundary(matte.px.data(), width, height, matte.stride,
-                        dst.data(), dst.stride, window / 2);
-    smooth_boundary_band(matte.px.data(), width, height, matte.stride,
-                         band.data(), band.stride, window / 2);
-    EXPECT_TRUE(Matches(band, dst)) << width;
-  }
-}
-
 TEST(MatteCleanup, NullPlanesAndEmptySizesLeaveEverythingAlone) {
   std::mt19937 rng(3);
   Plane a = MakeMatte(9, 7, 0, rng), b = MakeMatte(9, 7, 0, rng);
