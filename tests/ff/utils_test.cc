@@ -10,7 +10,6 @@
 #include <cstdint>
 #include <cstring>
 #include <random>
-#include <utility>
 #include <vector>
 
 #include "softmatte/ff/fvt_image.h"

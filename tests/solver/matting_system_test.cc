@@ -7,9 +7,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <cstdio>
 #include <random>
-#include <string>
 #include <tuple>
 #include <vector>
 

@@ -5,7 +5,6 @@
 #include <Eigen/Sparse>
 #include <algorithm>
 #include <cmath>
-#include <cstdint>
 #include <numeric>
 #include <random>
 #include <tuple>
