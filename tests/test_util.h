@@ -70,9 +70,6 @@ struct Image {
   std::vector<unsigned char> pixels;
 };
 
-// Reads path as grey (channels 1) or B, G, R (channels 3). False on failure.
-bool ReadPng(const std::string& path, int channels, Image* out);
-
 // The alphamatting set beside the project (../shared/data/alphamatting, or
 // $SOFTMATTE_DATA_DIR/alphamatting); empty when it is not there.
 std::string AlphamattingDir();

@@ -207,6 +207,12 @@ TEST(PinnedOutputs, KeepTheirDigests) {
   for (unsigned char& v : c) v = v < 90 ? 128 : v;
   mat_rectify_uialpha(c.data(), w, h, s1, grey.data(), s1, a.data(), s1, 40);
   pin(a);
+  for (size_t i = 0; i < c.size(); ++i) {  // unknown blobs in high to low
+    const int x = int(i % s1), u = (x / 3 + int(i / s1) / 3) % 4;
+    c[i] = u ? std::clamp(grey[i] + 180 - 8 * x, 20, 230) : 128;
+  }
+  mat_erase_unknown_fragment(c.data(), w, h, s1, 60, 200);
+  pin(c);
   // Bilinear and cubic, 8-bit (fixed point) and float (float resampler).
   std::vector<float> f(size_t(w) * h), g(size_t(19) * 41);
   for (size_t i = 0; i < f.size(); ++i) f[i] = grey[i] * 0.37f - 20.0f;
@@ -235,11 +241,10 @@ TEST(PinnedOutputs, KeepTheirDigests) {
       0x9ea383a2decc3e4eull, 0x41c32a7987d79832ull, 0xc03d270663adca6ull,
       0xc0a32a9aae72076cull, 0x4f5d783e4de2adaaull, 0x855fcfc47afae584ull,
       0x11aef8afef3bde84ull, 0x68d475bbf7451f26ull, 0xdda09d169a34c20bull,
-      0x77d34aa54f043848ull, 0x105a60a7c50f6cd2ull, 0xe2e40733302cd3efull,
-      0xfddf6323e66f97a1ull, 0xf4e284cc2c5355e3ull, 0xa6d772414c34b574ull};
-  for (size_t i = 0; i < want.size(); ++i)
-    EXPECT_EQ(want[i], got.at(i))
-        << "digest " << i << ": 0x" << std::hex << got[i];
+      0xe281e8b2e38aa2e5ull, 0x77d34aa54f043848ull, 0x105a60a7c50f6cd2ull,
+      0xe2e40733302cd3efull, 0xfddf6323e66f97a1ull, 0xf4e284cc2c5355e3ull,
+      0xa6d772414c34b574ull};
+  EXPECT_EQ(want, got);  // a new value shows in the list of got
 }
 
 }  // namespace

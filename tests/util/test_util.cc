@@ -78,7 +78,8 @@ std::vector<unsigned char> Binarize(const std::vector<unsigned char>& plane,
   return out;
 }
 
-bool ReadPng(const std::string& path, int channels, Image* out) {
+// Reads path as grey (channels 1) or B, G, R (channels 3). False on failure.
+static bool ReadPng(const std::string& path, int channels, Image* out) {
   png_image image;
   std::memset(&image, 0, sizeof image);
   image.version = PNG_IMAGE_VERSION;
