@@ -33,12 +33,9 @@ using softmatte_test::Packed;
 using Plane = std::vector<unsigned char>;
 constexpr unsigned char kUnknown = 128;
 
-// A trimap's value in the session's polarity, and back: 128 stays.
-unsigned char Complement(unsigned char v) {
-  return v == kUnknown ? v : static_cast<unsigned char>(255 - v);
-}
-Plane Complemented(Plane plane) {
-  std::transform(plane.begin(), plane.end(), plane.begin(), Complement);
+// A packed plane in the session's polarity, and back: 128 stays.
+Plane Inverted(Plane plane, int width, int height) {
+  InvertMatte(plane.data(), width, height, width);
   return plane;
 }
 
@@ -241,9 +238,9 @@ TEST(MatCutout, MatchesASessionOnEveryGuideAndSolve) {
                        o.work_size);
     session.SetSolveOptions(o.solve);
     Plane want(kCount), want_colours(3 * kCount);
-    session.Refine(Complemented(trimap).data(), kWidth, kHeight, kWidth,
-                   want.data(), kWidth, o.smooth_window, 0);
-    want = Complemented(want);
+    session.Refine(Inverted(trimap, kWidth, kHeight).data(), kWidth, kHeight,
+                   kWidth, want.data(), kWidth, o.smooth_window, 0);
+    want = Inverted(want, kWidth, kHeight);
     session.set_alpha(want.data(), kWidth, kHeight, kWidth);
     session.GetFImage(want_colours.data(), 3 * kWidth, 1);
 
